@@ -1,0 +1,55 @@
+# The two commands of the README:
+#   make demo   set up, build, and run the demo
+#   make test   set up, build both builds (and the sanitizer build), run every test
+#
+# Build trees: build/native, build/asan (AddressSanitizer + UBSan), build/aarch64.
+
+JOBS ?= 2
+CMAKE_FLAGS ?=
+
+.PHONY: demo test setup native asan aarch64 test-native test-asan test-aarch64 bench clean
+
+setup:
+	@tools/setup.sh
+
+build/native/Makefile: | setup
+	cmake -S . -B build/native $(CMAKE_FLAGS)
+
+build/asan/Makefile: | setup
+	cmake -S . -B build/asan -DQUERN_SANITIZE=ON -DQUERN_BENCHMARKS=OFF -DCMAKE_BUILD_TYPE=Debug $(CMAKE_FLAGS)
+
+build/aarch64/Makefile: | setup
+	cmake -S . -B build/aarch64 -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake -DQUERN_BENCHMARKS=OFF $(CMAKE_FLAGS)
+
+native: build/native/Makefile
+	cmake --build build/native -j $(JOBS)
+
+asan: build/asan/Makefile
+	cmake --build build/asan -j $(JOBS)
+
+aarch64: build/aarch64/Makefile
+	cmake --build build/aarch64 -j $(JOBS)
+
+test-native: native
+	cd build/native && ctest --output-on-failure -j $(JOBS)
+
+test-asan: asan
+	cd build/asan && ctest --output-on-failure -j $(JOBS)
+
+test-aarch64: aarch64
+	cd build/aarch64 && ctest --output-on-failure -j $(JOBS)
+
+test: test-native test-asan test-aarch64
+
+demo: native
+	build/native/examples/quern_demo
+	@echo
+	build/native/tools/quern/quern decode 0x04a20020 0x2520c020 0x0416a000 0x8b020020
+	@echo
+	build/native/tools/quern/quern decode --coverage
+
+bench: native
+	build/native/bench/bench_decode
+
+clean:
+	rm -rf build

@@ -1,0 +1,88 @@
+// Lane access for the fast handlers, which work in place on cpu_state at the
+// fixed 48-byte vector length.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "sve/dispatch/cpu_state.h"
+
+namespace fast {
+
+template <typename T>
+constexpr unsigned lanes = kVecBytes / sizeof(T);
+
+template <typename T>
+inline T lane(const unsigned char* reg, unsigned i) {
+  T v;
+  std::memcpy(&v, reg + i * sizeof(T), sizeof(T));
+  return v;
+}
+
+template <typename T>
+inline void set_lane(unsigned char* reg, unsigned i, T v) {
+  std::memcpy(reg + i * sizeof(T), &v, sizeof(T));
+}
+
+// A lane is active when bit 0 of the predicate byte at its first byte is set.
+template <typename T>
+inline bool active(const unsigned char* pred, unsigned i) {
+  return pred[i * sizeof(T)] & 1u;
+}
+
+// Dispatch on an element-size code: 2, 3 and 1 select words, doublewords and
+// halfwords; any other code means bytes.
+template <template <typename> class Op, typename... A>
+inline aarch64_decode_rc by_size(int32_t size, A&&... a) {
+  switch (size) {
+    case 1: return Op<uint16_t>::run(a...);
+    case 2: return Op<uint32_t>::run(a...);
+    case 3: return Op<uint64_t>::run(a...);
+    default: return Op<uint8_t>::run(a...);
+  }
+}
+
+}  // namespace fast
+
+namespace fast {
+
+// The three element-wise forms, with the result built in a temporary so that
+// the destination may be any of the sources.
+
+// Zdn = Pg ? op(Zdn, Zm) : Zdn
+template <typename T, typename Op>
+inline aarch64_decode_rc binary_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm, Op op) {
+  const unsigned char* a = cs->z[zdn.number];
+  const unsigned char* b = cs->z[zm.number];
+  const unsigned char* p = cs->p[pg.number];
+  unsigned char out[kVecBytes];
+  for (unsigned i = 0; i < lanes<T>; ++i) {
+    const T x = lane<T>(a, i);
+    set_lane<T>(out, i, active<T>(p, i) ? static_cast<T>(op(x, lane<T>(b, i))) : x);
+  }
+  std::memcpy(cs->z[zdn.number], out, kVecBytes);
+  return AARCH64_DECODE_OK;
+}
+
+// Zd = op(Zn, Zm)
+template <typename T, typename Op>
+inline aarch64_decode_rc binary_zzz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, aarch64_z_reg zm, Op op) {
+  const unsigned char* a = cs->z[zn.number];
+  const unsigned char* b = cs->z[zm.number];
+  unsigned char out[kVecBytes];
+  for (unsigned i = 0; i < lanes<T>; ++i)
+    set_lane<T>(out, i, static_cast<T>(op(lane<T>(a, i), lane<T>(b, i))));
+  std::memcpy(cs->z[zd.number], out, kVecBytes);
+  return AARCH64_DECODE_OK;
+}
+
+// Zdn = op(Zdn, imm), the immediate taken at the element width.
+template <typename T, typename Op>
+inline aarch64_decode_rc binary_zi(cpu_state* cs, aarch64_z_reg zdn, uint64_t imm, Op op) {
+  unsigned char* a = cs->z[zdn.number];
+  for (unsigned i = 0; i < lanes<T>; ++i)
+    set_lane<T>(a, i, static_cast<T>(op(lane<T>(a, i), static_cast<T>(imm))));
+  return AARCH64_DECODE_OK;
+}
+
+}  // namespace fast

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# The quern command as a user meets it: answers, and errors on bad input.
+quern=$1
+fails=0
+check() {   # check NAME EXPECTED_STATUS PATTERN -- ARGS...
+  local name=$1 want=$2 pattern=$3; shift 4
+  local out status
+  out=$("$quern" "$@" 2>&1); status=$?
+  if [ "$status" -ne "$want" ] || ! grep -Eq -- "$pattern" <<<"$out"; then
+    echo "FAIL $name: status $status (want $want), output:"; echo "$out"; fails=$((fails + 1))
+  else
+    echo "ok   $name"
+  fi
+}
+check add-decodes        0 '^0x04a20020 decode_map__31_21__15_10 +key=0x940 +VecU32AddVVX +sve_add_zzz$' -- decode 0x04a20020
+check no-prefix          0 'VecU8AddVIX +sve_add_zi'        -- decode 2520c020
+check not-sve            0 '^0x8b020020 not an emulated instruction$' -- decode 8b020020
+check generic-road       0 'VecS8AbsVM +G1'                 -- decode 0x0416a000
+check fpsr-bracket       0 'sve_fadd_zpz\+'                 -- decode 0x65808000
+check prefetch-noop      0 'VecU8Prefetch1SI +N$'            -- decode 0x85c00000
+check operands           0 '^0x04a20020 VecU32AddVVX Z4:0.s=0 Z9:5.s=1 Z20:16.s=2$' -- decode --operands 0x04a20020
+check coverage-line      0 '^[0-9]+ of 1483 rows implemented$' -- decode --coverage
+check no-command         2 'usage: quern'                    --
+check unknown-command    2 'unknown command: frobnicate'     -- frobnicate
+check no-words           2 'no instruction word'             -- decode
+check bad-word           2 'not a hexadecimal instruction word: 0xZZ' -- decode 0xZZ
+check word-too-long      2 'not a hexadecimal instruction word: 123456789' -- decode 123456789
+check bad-among-good     2 'not a hexadecimal instruction word: x' -- decode 04a20020 x
+check coverage-extra     2 'usage'                           -- decode --coverage 1234
+check unknown-option     2 'unknown option: --frob'          -- decode --frob
+echo "$((16 - fails)) passed, $fails failed"
+[ "$fails" -eq 0 ]
