@@ -154,6 +154,12 @@ def generic_token(tok):
         f = parse_field(m.group(1))
         return ('uint64_t', f'arg_elem(cs, {field_expr(f)}, {ELEM_BYTES[m.group(2)]})', field_mask(f),
                 field_expr(f))
+    if tok == 'uimm8sh':
+        return 'uint64_t', 'uint64_t(uimm8sh(w))', 0x3FE0, 'uimm8sh(w)'
+    if tok == 'simm8sh':
+        return 'int64_t', 'int64_t(simm8sh(w))', 0x3FE0, 'simm8sh(w)'
+    if tok == 'bitmask':
+        return 'uint64_t', 'expand_bitmask(w).value', 0x3FFE0, 'expand_bitmask(w).value'
     m = re.fullmatch(r'fpimm8\.([hsd])', tok)
     if m:
         bits = {'h': 16, 's': 32, 'd': 64}[m.group(1)]
