@@ -33,13 +33,20 @@ The token values come from one of two sources, which share the comparison:
     (=>NZCV) has no value and may be left out.  --emit prints the script's own
     interpretation in that format.
 
-Exit status 0 if every row passes, 1 otherwise.  The last line is
-"N passed, M failed", counting rows.
+--self-test checks the check: it feeds it wrong variants of every row's
+tokens (a field one bit off, signed for unsigned, another size suffix, stack
+pointer for zero register, a token left out, ...) and fails if any of them
+gets through.
+
+Exit status 0 if every row passes, 1 otherwise, 77 (a skip for CTest) if the
+AArch64 binutils are not installed.  The last line is "N passed, M failed",
+counting rows.
 """
 
 import argparse
 import collections
 import os
+import platform
 import random
 import re
 import shutil
@@ -108,6 +115,9 @@ IMM_TOKEN_RE = re.compile(r"^(?:(?P<n>\d+)-)?(?P<sign>[us])"
 SPECIAL_TOKENS = {"uimm8sh", "simm8sh", "sel5", "bitmask",
                   "fpimm8", "fpimm8.h", "fpimm8.s", "fpimm8.d"}
 HEX_TOKENS = {"bitmask", "fpimm8", "fpimm8.h", "fpimm8.s", "fpimm8.d"}
+SPECIAL_FIELDS = {"uimm8sh": "13:5", "simm8sh": "13:5", "sel5": "5", "bitmask": "17:5",
+                  "fpimm8": "12:5", "fpimm8.h": "12:5", "fpimm8.s": "12:5",
+                  "fpimm8.d": "12:5"}
 
 
 class Token:
@@ -118,6 +128,8 @@ class Token:
         self.field = None
         self.kind = None        # 'z', 'p', 'r', 'v' (register) or 'imm'
         self.size = None        # size suffix of a register token
+        self.result = False     # a result token (=>...)
+        self.head = None        # the letters of a register token
         self.gov = None         # '/m', '/z', '/g' of a governing predicate
         self.sp = False         # register 31 is the stack pointer
         m = REG_TOKEN_RE.match(text)
@@ -237,11 +249,20 @@ def format_value(tok, value):
 # The disassembler
 # --------------------------------------------------------------------------
 
-def find_tool(names):
+SKIP = 77
+
+
+def find_tool(tool):
+    """The AArch64 binutils program `tool` ('as', 'objdump'): the cross one,
+    or the native one on an AArch64 host."""
+    names = ["aarch64-linux-gnu-" + tool]
+    if platform.machine() in ("aarch64", "arm64"):
+        names.append(tool)
     for name in names:
         if shutil.which(name):
             return name
-    raise SystemExit("none of %s found in PATH" % ", ".join(names))
+    print("%s not found in PATH: not checked" % " or ".join(names))
+    sys.exit(SKIP)
 
 
 def disassemble(words, assembler, objdump):
@@ -302,10 +323,16 @@ class Operand:
         self.value = value
         self.qual = qual      # z/p/v element letter, p 'm'/'z', r 'w'/'x'
         self.sub = sub        # r: 'sp' or 'zr' for 31; imm: 'mul', 'fp', ...
+        self.printed = str(value)
 
     def show(self):
         if self.kind == "imm":
-            return "#%s" % self.value
+            value = "0x%x" % self.value if self.sub == "bitmask" else "%s" % self.value
+            if self.sub in ("fp", "fixed"):
+                return "#" + self.printed
+            if self.printed != value:
+                return "#%s (field value %s)" % (self.printed, value)
+            return "#" + value
         return "%s%s%s" % (self.kind, self.value, "." + self.qual if self.qual else "")
 
 
@@ -335,18 +362,19 @@ def parse(text):
         pos = m.end()
         g = m.groupdict()
         word = None
+        if in_list and list_seen and (g["z"] or g["punct"] in (",", "-")):
+            # The further registers of a list follow from the first one, and
+            # {z31.s, z0.s} prints other than {z3.s-z4.s}: leave them out.
+            continue
         if g["z"]:
-            if in_list and list_seen:
-                form.append("Z+")              # further registers of a list
-            else:
-                list_seen = in_list
-                ops.append(Operand("z", int(g["zn"]), g["zq"]))
-                form.append("Z")
-                if in_brackets and bracket_base is None:
-                    bracket_base = "z"
-                if g["zi"] is not None:
-                    ops.append(Operand("imm", int(g["zi"]), sub="index"))
-                    form.append("[I]")
+            list_seen = in_list
+            ops.append(Operand("z", int(g["zn"]), g["zq"]))
+            form.append("Z")
+            if in_brackets and bracket_base is None:
+                bracket_base = "z"
+            if g["zi"] is not None:
+                ops.append(Operand("imm", int(g["zi"]), sub="index"))
+                form.append("[I]")
         elif g["p"]:
             ops.append(Operand("p", int(g["pn"]), g["pg"] or g["pq"]))
             form.append("P/" + g["pg"] if g["pg"] else "P.T" if g["pq"] else "P")
@@ -372,6 +400,7 @@ def parse(text):
                 op = Operand("imm", float(s), sub="float")
             else:
                 op = Operand("imm", int(s), sub="int")
+            op.printed = s
             if prev_word == "mul":
                 op.sub = "mul"
             elif prev_word in ("lsl", "sxtw", "uxtw"):
@@ -413,7 +442,16 @@ def normalise(mnemonic, ops):
     for op in ops:
         if op.kind != "imm":
             continue
-        if op.sub == "offset":
+        if op.sub == "mulvl":
+            # LD2..LD4, ST2..ST4 print the offset in vector lengths: the field
+            # times the number of registers.
+            m = re.match(r"^(?:ld|st)([234])[bhwd]$", mnemonic)
+            count = int(m.group(1)) if m else 1
+            if op.value % count == 0:
+                op.value //= count
+            else:
+                op.sub = "bad offset"
+        elif op.sub == "offset":
             size = memory_size(mnemonic)
             if op.base == "z" or mnemonic.startswith("ld1r"):
                 # Gathers [Zn.T, #imm] and broadcasts [Xn, #imm]: byte offsets.
@@ -429,6 +467,7 @@ def normalise(mnemonic, ops):
                     op.value = pair.index(op.value)
             elif mnemonic == "fmov":
                 op.sub = "fp"
+                op.qual = zq
             else:
                 op.sub = "fixed"           # the #0.0 of the compares with zero
         elif mnemonic == "fcmla" and op.sub == "int":
@@ -455,8 +494,9 @@ def fp_bits(value, size):
     return int.from_bytes(struct.pack(fmt, value), "little")
 
 
-def agrees(tok, value, op):
-    """Does the token's value stand for the printed operand?"""
+def agrees(tok, value, op, fast):
+    """Does the token's value stand for the printed operand?  `fast`: the row
+    goes down the fast road."""
     if tok.kind == "imm":
         t = tok.text
         if op.kind == "v":          # u4:0, u9:5: number of a SIMD&FP register
@@ -466,13 +506,20 @@ def agrees(tok, value, op):
         if t == "bitmask":
             return op.sub == "bitmask" and value == op.value
         if t.startswith("fpimm8"):
-            return op.sub == "fp" and value == fp_bits(op.value, t[7:] or "s")
+            # Fast rows pass the single-precision bits; generic rows the bits
+            # at the element size of the instruction.
+            size = t[7:] or "s"
+            if op.sub != "fp" or (t == "fpimm8") != fast or t[7:] and size != op.qual:
+                return False
+            return value == fp_bits(op.value, size)
         if op.sub in ("fp", "bitmask", "float"):
             return False
         if op.sub == "mul":
-            # MUL #k prints the multiplier: the field plus one.  A "+1" token
-            # passes it so, a plain field token passes the raw field.
-            return value == (op.value if t.endswith("+1") else op.value - 1)
+            # MUL #k prints the multiplier, the field plus one.  The fast road
+            # passes it so ("+1" token), the generic road the raw field.
+            if t.endswith("+1") != fast:
+                return False
+            return value == (op.value if fast else op.value - 1)
         return value == op.value
     if tok.kind != op.kind or value != op.value:
         return False
@@ -488,12 +535,12 @@ def adapter_size(adapter):
     return "b" if adapter.startswith("VecP") else None
 
 
-def size_problem(row, tok, op):
+def size_problem(row, tok, op, ops):
     """A message if the token's suffix does not fit the printed operand."""
     if tok.kind in ("z", "p") and tok.gov:
         printed = "/" + op.qual if op.qual in ("m", "z") else "/g"
         return None if printed == tok.gov else "printed as %s" % printed
-    if tok.kind == "z" and tok.head in ("Z", "Zrw") or tok.kind == "p" and tok.head in ("P", "Prw"):
+    if tok.head in ("Z", "Zrw", "P", "Prw") and not tok.result:
         if tok.size is None:
             return "no size suffix"
         if any(t == "bitmask" for t in row.tokens) or op.qual is None:
@@ -506,7 +553,12 @@ def size_problem(row, tok, op):
     if tok.kind == "r" and tok.head in ("R", "Rrw"):
         return None if tok.size == op.qual else "size .%s, printed %s" % (tok.size, op.qual)
     if tok.kind == "r" and tok.head == "X" and tok.size:
-        return None if op.qual == "w" else "low bits of a register printed as %s" % op.qual
+        # INSR of bytes, halfwords, words: the low bits of a W register.
+        esize = next((o.qual for o in ops if o.kind == "z"), None)
+        expect = {"b": "b", "h": "h", "s": "w"}.get(esize)
+        if tok.size != expect or op.qual != "w":
+            return "low bits .%s of %s for elements .%s" % (tok.size, op.qual, esize)
+        return None
     if tok.kind == "r" and tok.result:
         want = "w" if tok.head == "W" else "x"
         return None if op.qual == want else "result %s, printed %s" % (tok.head, op.qual)
@@ -526,10 +578,30 @@ class RowResult:
         self.failures.append((word, text, message))
 
 
+def check_fields(result, tokens):
+    """The tokens must read exactly the bits that the row leaves free."""
+    row = result.row
+    read = 0
+    for tok in tokens:
+        field = tok.field or SPECIAL_FIELDS.get(tok.text)
+        if field:
+            read |= sum(1 << b for b in field_bits(field))
+    free = ~row.mask & 0xFFFFFFFF
+    where = "(the row's fixed bits)"
+    if read & row.mask:
+        result.fail(row.value, where, "tokens read bits fixed by the key: 0x%08x"
+                    % (read & row.mask))
+    if free & ~read:
+        result.fail(row.value, where, "operand bits read by no token: 0x%08x"
+                    % (free & ~read))
+
+
 def check_row(result, samples):
     """samples: list of (word, text, operands, {token: value}) in one form."""
     row = result.row
+    fast = row.road.startswith("sve_")
     tokens = [Token(t) for t in row.tokens]
+    check_fields(result, tokens)
     n_ops = len(samples[0][2])
     matched = set()
     for tok in tokens:
@@ -542,10 +614,10 @@ def check_row(result, samples):
             result.fail(w, text, "%s: no value" % tok.text)
             continue
         good = [k for k in range(n_ops)
-                if all(agrees(tok, v, s[2][k]) for s, v in zip(samples, values))]
+                if all(agrees(tok, v, s[2][k], fast) for s, v in zip(samples, values))]
         if not good:
             # Name the operand that agrees most often, and a word where it does not.
-            score = [(sum(agrees(tok, v, s[2][k]) for s, v in zip(samples, values)), k)
+            score = [(sum(agrees(tok, v, s[2][k], fast) for s, v in zip(samples, values)), k)
                      for k in range(n_ops)
                      if samples[0][2][k].kind == tok.kind
                      or tok.kind == "imm" and samples[0][2][k].kind == "v"]
@@ -555,19 +627,22 @@ def check_row(result, samples):
                 continue
             _, k = max(score)
             for (w, text, ops, _), v in zip(samples, values):
-                if not agrees(tok, v, ops[k]):
+                if not agrees(tok, v, ops[k], fast):
                     result.fail(w, text, "%s: got %s, printed operand %d is %s"
                                 % (tok.text, format_value(tok, v) if v is not None
                                    else "none", k + 1, ops[k].show()))
                     break
             continue
         matched.update(good)
-        for k in good:
-            problem = size_problem(row, tok, samples[0][2][k])
-            if problem:
-                w, text, _, _ = samples[0]
-                result.fail(w, text, "%s: %s" % (tok.text, problem))
-                break
+        # A register printed twice (Zdn, or X and W of SQINCP) needs to fit once;
+        # a result goes to the destination, the first printed operand.
+        if tok.result:
+            good = good[:1]
+        problems = [size_problem(row, tok, samples[0][2][k], samples[0][2])
+                    for k in good]
+        if all(problems):
+            w, text, _, _ = samples[0]
+            result.fail(w, text, "%s: %s" % (tok.text, problems[0]))
     # Every printed value that changes with the word must come from a token.
     for k in range(n_ops):
         if k in matched:
@@ -608,6 +683,92 @@ def quern_values(path, words, chunk=256):
 
 
 # --------------------------------------------------------------------------
+# Self-test: the check must notice a wrong token
+# --------------------------------------------------------------------------
+
+def shifted_field(field, by):
+    bits = [b + by for b in field_bits(field)]
+    if min(bits) < 0 or max(bits) > 31:
+        return None
+    parts = []
+    i = 0
+    while i < len(bits):
+        j = i
+        while j + 1 < len(bits) and bits[j + 1] == bits[j] - 1:
+            j += 1
+        parts.append(str(bits[i]) if i == j else "%d:%d" % (bits[i], bits[j]))
+        i = j + 1
+    return ",".join(parts)
+
+
+def mutants(tokens, samples):
+    """Plausible mistakes in a row's tokens, one at a time: (what, tokens).
+    Stack pointer and zero register differ only in number 31, so those
+    mistakes are made only where a sample has 31 in the field; encodings with
+    31 there are reserved for some instructions."""
+    def has31(field):
+        return any(extract(w, field) == 31 for w, _, _, _ in samples)
+    others = {}
+    for i, t in enumerate(tokens):
+        f = Token(t).field
+        if f:
+            others.setdefault(f, []).append(i)
+    swaps = [("u", "s"), ("s", "u"), (".b", ".h"), (".h", ".b"), (".s", ".d"),
+             (".d", ".s"), (".q", ".d"), (".w", ".x"), (".x", ".w"), ("/m", "/z"),
+             ("/z", "/m"), ("/g", "/m"), ("=>X", "=>W"),
+             ("=>W", "=>X"), ("+1", ""), ("uimm8sh", "simm8sh"),
+             ("simm8sh", "uimm8sh"), ("fpimm8.h", "fpimm8.s"), ("fpimm8.s", "fpimm8.d"),
+             ("fpimm8.d", "fpimm8.h"), ("fpimm8", "fpimm8.d"), ("sel5", "u6")]
+    for i, t in enumerate(tokens):
+        tok = Token(t)
+        variants = []
+        if tok.field:
+            for by in (1, -1):
+                f = shifted_field(tok.field, by)
+                if f:
+                    variants.append(t.replace(tok.field, f, 1))
+        for a, b in swaps:
+            if a in ("u", "s"):
+                if re.match(r"^(\d+-)?%s\d" % a, t):
+                    variants.append(re.sub(r"^(\d+-)?%s" % a, r"\g<1>%s" % b, t))
+            elif t.startswith(a) or t.endswith(a):
+                variants.append(t.replace(a, b))
+        if re.match(r"^S\d", t) and has31(tok.field):
+            variants.append("R" + t[1:] + ".x")
+        m = re.match(r"^(\d+)-(u.*)$", t)
+        if m:
+            variants += [m.group(2), "%d-%s" % (int(m.group(1)) * 2, m.group(2))]
+        if t == "X" + (tok.field or "") and tok.head == "X" and has31(tok.field):
+            variants.append("XSP" + tok.field)
+        if t.startswith("XSP") and has31(tok.field):
+            variants.append("X" + t[3:])
+        for v in variants:
+            if v != t:
+                yield "%s -> %s" % (t, v), tokens[:i] + [v] + tokens[i + 1:]
+        if tok.field and len(others[tok.field]) == 1:
+            yield "%s dropped" % t, tokens[:i] + tokens[i + 1:]
+
+
+def self_test(row, samples, counter):
+    """Returns the mutants of the row's tokens that the check lets through."""
+    missed = []
+    for what, tokens in mutants(row.tokens, samples):
+        try:
+            parsed = [Token(t) for t in tokens]
+        except ValueError:
+            continue
+        counter[0] += 1
+        mutant = Row(row.map_name, row.key, row.adapter, row.road, tokens)
+        result = RowResult(mutant)
+        mutated = [(w, text, ops, {t.text: token_value(t, w) for t in parsed if t.kind})
+                   for w, text, ops, _ in samples]
+        check_row(result, mutated)
+        if not result.failures:
+            missed.append(what)
+    return missed
+
+
+# --------------------------------------------------------------------------
 
 EDGE_PATTERNS = (0xFFFFFFFF, 0x55555555, 0xAAAAAAAA)
 
@@ -623,18 +784,23 @@ def main():
                     help="take the token values from PATH decode --operands")
     ap.add_argument("--rows", metavar="REGEX", help="only rows whose adapter matches")
     ap.add_argument("--emit", action="store_true",
-                    help="print the interpreted TOKEN=VALUE lines of all checked words")
+                    help="print the TOKEN=VALUE lines of all checked words, in the "
+                         "format of quern decode --operands")
     ap.add_argument("--verbose", action="store_true", help="one line per row")
+    ap.add_argument("--self-test", action="store_true",
+                    help="check the check: feed it wrong variants of every row's "
+                         "tokens and fail unless it rejects them all")
     args = ap.parse_args()
 
-    assembler = find_tool(["aarch64-linux-gnu-as", "as"])
-    objdump = find_tool(["aarch64-linux-gnu-objdump", "objdump"])
+    assembler = find_tool("as")
+    objdump = find_tool("objdump")
     rng = random.Random(args.seed)
     rows = read_table(args.table)
     if args.rows:
         rows = [r for r in rows if re.search(args.rows, r.adapter)]
 
     results = []
+    mutants_tried = [0]
     bad_tokens = []
     plan = []
     words = []
@@ -651,6 +817,17 @@ def main():
         free = ~row.mask & 0xFFFFFFFF
         candidates = [row.value | (rng.getrandbits(32) & free) for _ in range(args.words)]
         candidates += [row.value | (p & free) for p in EDGE_PATTERNS]
+        # Each field at its extremes: register 31 (zero register or stack
+        # pointer), immediates all ones and with only the sign bit set.
+        for tok in parsed:
+            if not tok.field or tok.result:
+                continue
+            ones = sum(1 << b for b in field_bits(tok.field)) & free
+            top = (1 << field_bits(tok.field)[0]) & free
+            base = row.value | (rng.getrandbits(32) & free)
+            candidates.append(base | ones)
+            if tok.kind == "imm":
+                candidates.append((base & ~ones) | top)
         plan.append((row, len(words), len(candidates)))
         words.extend(candidates)
     texts = disassemble(words, assembler, objdump)
@@ -670,10 +847,17 @@ def main():
                 continue
             form, ops = parse(text)
             if args.quern:
-                adapter, values = decoded.get(w, (None, {}))
+                if w not in decoded:
+                    result.fail(w, text, "quern prints no line for it")
+                    continue
+                adapter, values = decoded[w]
                 if adapter != row.adapter:
                     result.fail(w, text, "quern decodes it as %s" % adapter)
                     continue
+                extra = set(values) - set(row.tokens)
+                if extra:
+                    result.fail(w, text, "quern prints tokens that the row does not "
+                                "have: %s" % " ".join(sorted(extra)))
             else:
                 values = {t.text: token_value(t, w) for t in tokens if t.kind}
             entries.append((form, w, text, ops, values))
@@ -691,6 +875,9 @@ def main():
                     "%s=%s" % (t.text, format_value(t, values[t.text]))
                     for t in tokens if t.kind and values.get(t.text) is not None)))
         check_row(result, samples)
+        if args.self_test and not result.failures and samples:
+            for what in self_test(row, samples, mutants_tried):
+                result.fail(samples[0][0], samples[0][1], "self-test: %s passes" % what)
 
     failed = [r for r in results if r.failures] + [None] * len(bad_tokens)
     unchecked = [r for r in results if not r.words and not r.failures]
@@ -709,6 +896,10 @@ def main():
     print("%d rows without operands not checked, %d rows not checkable, "
           "%d words skipped (rejected or printed in another form)"
           % (no_operands, len(unchecked), sum(r.skipped for r in results)))
+    if args.self_test:
+        print("self-test: %d wrong variants of the tokens tried, %d let through"
+              % (mutants_tried[0], sum(1 for r in results for f in r.failures
+                                       if "self-test" in f[2])))
     print("%d passed, %d failed" % (passed, len(failed) + len(unchecked)))
     return 1 if failed or unchecked else 0
 

@@ -5,9 +5,11 @@ Each row of sve/dispatch/decode_table.txt stands for a (mask, value) pair over
 the instruction word; the bits outside the mask are operand fields.  This tool
 finds out where those fields are and what they mean by experiment:
 
-  1. For every row it builds a few words with random operand bits, and for each
-     of them every word that differs in exactly one operand bit.
-  2. All words of all rows are disassembled in one objdump run.
+  1. For every row it builds a few words with random operand bits that print
+     in the row's usual form, and for each of them every word that differs in
+     exactly one operand bit.
+  2. The words of all rows are disassembled together (objdump runs three
+     times in all: candidates, neighbours, and words with register 31).
   3. Comparing the disassembly of a word with that of its one-bit neighbours
      tells which printed operand each free bit belongs to, and for register
      numbers also the weight of the bit.  Immediates are matched against a few
@@ -17,7 +19,7 @@ finds out where those fields are and what they mean by experiment:
          "handler<TAB>tokens" lines) and get size suffixes and the expanded
          `dupidx`, `lslimm`, `asrimm` fields;
        - generic rows get their arguments in the order of their shape, by the
-         conventions written down in GENERIC_RULES below;
+         conventions written down above generic_tokens();
        - no-op rows (prefetches) get nothing.
 
 Every proposal is cross-checked against the experiment: a fast token whose
@@ -25,15 +27,21 @@ field was not seen in the disassembly, an immediate that fits no
 interpretation, and the like are reported as notes.  Rows that already carry
 operands are compared with the proposal and differences are reported.
 
-Usage:
-    tools/infer_operands.py --fast-forms FORMS [--write] [--rows REGEX]
+Every operand bit of a row must be read by some token, and no token may read a
+bit that the row's key fixes; rows where that fails are noted too.
 
-Without --write the table is left alone and the proposals are printed.
+Usage:
+    tools/infer_operands.py --fast-forms FORMS [--write] [--quiet] [--rows REGEX]
+
+Without --write the table is left alone and the proposals are printed, one
+line per row (adapter, road, printed form, tokens) followed by its notes.
+tests/asm_operands_check.py checks the written table independently.
 """
 
 import argparse
 import collections
 import os
+import platform
 import random
 import re
 import shutil
@@ -142,11 +150,16 @@ def read_fast_forms(path):
 # The disassembler
 # --------------------------------------------------------------------------
 
-def find_tool(names):
+def find_tool(tool):
+    """The AArch64 binutils program `tool` ('as', 'objdump'): the cross one,
+    or the native one on an AArch64 host."""
+    names = ["aarch64-linux-gnu-" + tool]
+    if platform.machine() in ("aarch64", "arm64"):
+        names.append(tool)
     for name in names:
         if shutil.which(name):
             return name
-    raise SystemExit("none of %s found in PATH" % ", ".join(names))
+    raise SystemExit("%s not found in PATH" % " or ".join(names))
 
 
 def disassemble(words, assembler, objdump):
@@ -226,16 +239,17 @@ def parse_disassembly(text):
         pos = m.end()
         g = m.groupdict()
         word = None
+        if in_list and list_seen and (g["z"] or g["punct"] in (",", "-")):
+            # Later registers of a list follow from the first; leave them out,
+            # also because {z31.s, z0.s} prints other than {z3.s-z4.s}.
+            continue
         if g["z"]:
-            if in_list and list_seen:
-                template.append("Z+")          # later registers of a list
-            else:
-                list_seen = in_list
-                atoms.append(Atom("z", int(g["zn"]), g["zq"]))
-                template.append("Z")
-                if g["zi"] is not None:
-                    atoms.append(Atom("imm", int(g["zi"]), sub="index"))
-                    template.append("[I]")
+            list_seen = in_list
+            atoms.append(Atom("z", int(g["zn"]), g["zq"]))
+            template.append("Z")
+            if g["zi"] is not None:
+                atoms.append(Atom("imm", int(g["zi"]), sub="index"))
+                template.append("[I]")
         elif g["p"]:
             qual = g["pg"] or g["pq"]
             atoms.append(Atom("p", int(g["pn"]), qual))
@@ -414,21 +428,22 @@ def analyse(row, free, words, texts):
 
 def probe_stack_pointer(probes, assembler, objdump):
     """Number 31 of a general register field prints as sp or as xzr/wzr:
-    disassemble each row's first word with the field set to all ones."""
+    disassemble a few words of each row with the field set to all ones.  The
+    atom's `sub` becomes 'sp', 'zr', or 'unknown' where 31 is reserved."""
     jobs = []
     for probe in probes:
         for k, atom in enumerate(probe.atoms):
             if atom.kind == "r" and atom.field:
-                word = probe.samples[0][0]
-                for b in field_bits(atom.field):
-                    word |= 1 << b
-                jobs.append((probe, k, word))
+                atom.sub = "unknown"
+                ones = sum(1 << b for b in field_bits(atom.field))
+                for word, _ in probe.samples[:8]:
+                    jobs.append((probe, k, word | ones))
     texts = disassemble([w for _, _, w in jobs], assembler, objdump)
     for (probe, k, word), text in zip(jobs, texts):
         if not text:
             continue
         template, atoms = parse_disassembly(text)
-        if template == probe.template:
+        if template == probe.template and atoms[k].sub in ("sp", "zr"):
             probe.atoms[k].sub = atoms[k].sub
 
 
@@ -721,17 +736,15 @@ KIND_OF_ATOM = {"z": "V", "p": "P", "r": "S", "v": "E", "imm": "I"}
 # Routines that receive only the low bits of their general-register argument.
 LOW_BITS = {"VecU8InsertS": ".b", "VecU16InsertS": ".h", "VecU32InsertS": ".w"}
 
-GENERIC_RULES = """
-Generic rows: the first printed operand is the destination.  A merging or
-accumulating routine (a shape that starts with vector, predicate) takes the
-old destination first, the governing predicate second, then the remaining
-sources as printed, a source printed twice (Zdn) only once.  Any other
-routine takes the sources in printed order, the predicate among them where it
-is printed; an argument kind that the printed sources lack is taken from the
-destination (INCP, DECP, UQINCB and the like read and write one register).
-The dot products and the indexed multiply-adds take the accumulator after the
-two factors.
-"""
+# How generic arguments are put in order.  The first printed operand is the
+# destination.  A merging or accumulating routine (a shape that starts with
+# vector, predicate) takes the old destination first, the governing predicate
+# second, then the remaining sources as printed, a source printed twice (Zdn)
+# only once.  Any other routine takes the sources in printed order, the
+# predicate among them where it is printed; an argument kind that the printed
+# sources lack is taken from the destination (INCP, DECP, UQINCB and the like
+# read and write one register).  The dot products and the indexed
+# multiply-adds take the accumulator after the two factors.
 
 
 def generic_tokens(probe):
@@ -793,6 +806,9 @@ def generic_argument(probe, atom):
     if atom.kind == "r":
         if row.adapter in LOW_BITS:
             return "X%s%s" % (atom.field, LOW_BITS[row.adapter])
+        if atom.sub == "unknown":
+            probe.notes.append("%r: register 31 never prints (reserved), taken as "
+                               "the zero register" % atom)
         return ("XSP" if atom.sub == "sp" else "X") + atom.field
     k = probe.atoms.index(atom)
     tok = immediate_token(probe, k)
@@ -870,8 +886,8 @@ def main():
     ap.add_argument("--quiet", action="store_true", help="print only notes")
     args = ap.parse_args()
 
-    assembler = find_tool(["aarch64-linux-gnu-as", "as"])
-    objdump = find_tool(["aarch64-linux-gnu-objdump", "objdump"])
+    assembler = find_tool("as")
+    objdump = find_tool("objdump")
     lines, rows = read_table(args.table)
     forms = read_fast_forms(args.fast_forms)
     if args.rows:
