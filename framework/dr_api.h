@@ -25,30 +25,25 @@ using opnd_size_t = uint8_t;
 using uint = unsigned int;
 
 // ---- registers ------------------------------------------------------------------
-enum : reg_id_t {
-  DR_REG_NULL = 0,
-  DR_REG_X0 = 1,                     // X0..X30: DR_REG_X0 + n
-  DR_REG_X28 = DR_REG_X0 + 28,
-  DR_REG_XZR = DR_REG_X0 + 31,
-  DR_REG_XSP = DR_REG_X0 + 32,       // the stack pointer
-  DR_REG_W0 = DR_REG_X0 + 33,        // W0..W30: DR_REG_W0 + n
-  DR_REG_WZR = DR_REG_W0 + 31,
-  DR_REG_Q0 = DR_REG_W0 + 32,        // Q0..Q31: DR_REG_Q0 + n
-  DR_REG_NZCV = DR_REG_Q0 + 32,
-  DR_REG_FPCR,
-  DR_REG_FPSR,
-  DR_REG_TPIDR_EL0,
-  DR_REG_LAST_VALID,
-};
-enum : reg_id_t {
-  DR_REG_X26 = DR_REG_X0 + 26,
-  DR_REG_X27 = DR_REG_X0 + 27,
-  DR_REG_X21 = DR_REG_X0 + 21,
-  DR_REG_X22 = DR_REG_X0 + 22,
-  DR_REG_X29 = DR_REG_X0 + 29,
-  DR_REG_X30 = DR_REG_X0 + 30,
-  DR_REG_W26 = DR_REG_W0 + 26,
-};
+constexpr reg_id_t DR_REG_NULL = 0;
+constexpr reg_id_t DR_REG_X0 = 1;                   // X0..X30: DR_REG_X0 + n
+constexpr reg_id_t DR_REG_X21 = DR_REG_X0 + 21;
+constexpr reg_id_t DR_REG_X22 = DR_REG_X0 + 22;
+constexpr reg_id_t DR_REG_X26 = DR_REG_X0 + 26;
+constexpr reg_id_t DR_REG_X27 = DR_REG_X0 + 27;
+constexpr reg_id_t DR_REG_X28 = DR_REG_X0 + 28;
+constexpr reg_id_t DR_REG_X29 = DR_REG_X0 + 29;
+constexpr reg_id_t DR_REG_X30 = DR_REG_X0 + 30;
+constexpr reg_id_t DR_REG_XZR = DR_REG_X0 + 31;
+constexpr reg_id_t DR_REG_XSP = DR_REG_X0 + 32;     // the stack pointer
+constexpr reg_id_t DR_REG_W0 = DR_REG_X0 + 33;      // W0..W30: DR_REG_W0 + n
+constexpr reg_id_t DR_REG_W26 = DR_REG_W0 + 26;
+constexpr reg_id_t DR_REG_WZR = DR_REG_W0 + 31;
+constexpr reg_id_t DR_REG_Q0 = DR_REG_W0 + 32;      // Q0..Q31: DR_REG_Q0 + n
+constexpr reg_id_t DR_REG_NZCV = DR_REG_Q0 + 32;
+constexpr reg_id_t DR_REG_FPCR = DR_REG_NZCV + 1;
+constexpr reg_id_t DR_REG_FPSR = DR_REG_NZCV + 2;
+constexpr reg_id_t DR_REG_TPIDR_EL0 = DR_REG_NZCV + 3;
 
 // ---- operand sizes ----------------------------------------------------------------
 enum : opnd_size_t { OPSZ_NA = 0, OPSZ_1 = 1, OPSZ_2 = 2, OPSZ_4 = 4, OPSZ_8 = 8, OPSZ_16 = 16 };

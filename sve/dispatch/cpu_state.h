@@ -112,8 +112,8 @@ inline void unpack_pred(const PredV& v, unsigned char (&bytes)[kVecBytes]) {
     bytes[i] = static_cast<unsigned char>((v.w[0] >> i) & 1u);
 }
 
-inline bool pred_bit(const PredV& v, unsigned byte) {
-  return (v.w[byte / 64] >> (byte % 64)) & 1u;
+inline bool pred_bit(const PredV& v, unsigned bit) {
+  return (v.w[bit / 64] >> (bit % 64)) & 1u;
 }
 
 // ---- general registers -----------------------------------------------------

@@ -1,0 +1,355 @@
+// The framework at run time, preloaded into the application (LD_PRELOAD).
+//
+// At load it loads the client library (whose static initialiser builds the
+// decode maps and installs the fault handlers), calls dr_client_main, gives the
+// main thread its block and installs the SIGILL handler. An SVE word announces
+// itself with SIGILL on a processor without SVE: the handler runs the client's
+// pass on a block of that one instruction, encodes the result near the
+// instruction and patches the instruction with a branch to it. Later
+// executions run the rewritten code without any signal.
+//
+// Everything on the SIGILL path is async-signal-safe: no malloc, no locks that
+// ordinary code may hold; memory comes from mmap and the per-thread arena.
+#if !defined(__aarch64__)
+#error "the framework runtime runs on AArch64 only"
+#endif
+
+#include <dlfcn.h>
+#include <errno.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <ucontext.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "framework/encode.h"
+#include "framework/interp.h"
+#include "framework/runtime_state.h"
+#include "framework/thread_block.h"
+#include "sve/dispatch/cpu_state.h"
+
+namespace {
+
+// ---- signal-safe output ----------------------------------------------------------------
+
+void put_str(int fd, const char* s) { (void)!write(fd, s, strlen(s)); }
+
+// ---- the thread block ------------------------------------------------------------------
+
+__thread quern_thread* quern_self __attribute__((tls_model("initial-exec")));
+
+constexpr size_t kArenaSize = 256 << 10, kStackSize = 256 << 10;
+
+quern_thread* block_create() {
+  const size_t head = (sizeof(quern_thread) + 4095) & ~size_t(4095);
+  const size_t total = head + kArenaSize + kStackSize;
+  void* m = mmap(nullptr, total, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (m == MAP_FAILED) {
+    put_str(2, "quern: cannot allocate a thread block\n");
+    _exit(127);
+  }
+  quern_thread* t = static_cast<quern_thread*>(m);
+  unsigned char* base = static_cast<unsigned char*>(m);
+  t->arena = {base + head, kArenaSize, 0};
+  t->stack_base = base + head + kArenaSize;
+  t->stack_size = kStackSize;
+  t->stack_top = reinterpret_cast<uint64_t>(t->stack_base + kStackSize) & ~uint64_t(15);
+  t->mapping_size = total;
+  t->tid = static_cast<int>(syscall(SYS_gettid));
+  return t;
+}
+
+// The current thread's block, made (and announced to the client) on first need.
+quern_thread* self_block() {
+  if (quern_self) return quern_self;
+  quern_self = block_create();
+  for (int i = 0; i < rt.n_thread_init; ++i) rt.thread_init[i](quern_self);
+  quern_self->init_done = true;
+  return quern_self;
+}
+
+void block_destroy(quern_thread* t) {
+  if (t->init_done)
+    for (int i = 0; i < rt.n_thread_exit; ++i) rt.thread_exit[i](t);
+  if (quern_self == t) quern_self = nullptr;
+  munmap(t, t->mapping_size);
+}
+
+// ---- code buffers within branch range ------------------------------------------------------
+
+struct code_pool {
+  std::atomic<uint64_t> base;
+  std::atomic<size_t> used;
+};
+constexpr int kMaxPools = 64;
+constexpr size_t kPoolSize = 1 << 20;
+code_pool pools[kMaxPools];
+std::atomic<int> n_pools{0};
+
+uint32_t* pool_take(code_pool& p, uint64_t pc, size_t bytes) {
+  const uint64_t base = p.base.load(std::memory_order_acquire);
+  if (!base || !branch_in_range(pc, base) || !branch_in_range(pc, base + kPoolSize)) return nullptr;
+  size_t at = p.used.load();
+  do {
+    if (at + bytes > kPoolSize) return nullptr;
+  } while (!p.used.compare_exchange_weak(at, at + bytes));
+  return reinterpret_cast<uint32_t*>(base + at);
+}
+
+// `words` words of executable memory that a branch at `pc` can reach both ways.
+uint32_t* code_alloc(uint64_t pc, size_t words) {
+  const size_t bytes = words * 4;
+  for (int i = 0; i < n_pools.load(); ++i)
+    if (uint32_t* w = pool_take(pools[i], pc, bytes)) return w;
+  const int64_t steps[] = {-(16 << 20), 16 << 20, -(48 << 20), 48 << 20, -(96 << 20), 96 << 20};
+  for (int64_t step : steps) {
+    const uint64_t hint = (pc + static_cast<uint64_t>(step)) & ~uint64_t(0xFFFF);
+    void* m = mmap(reinterpret_cast<void*>(hint), kPoolSize, PROT_READ | PROT_WRITE | PROT_EXEC,
+                   MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (m == MAP_FAILED) continue;
+    const uint64_t base = reinterpret_cast<uint64_t>(m);
+    if (!branch_in_range(pc, base) || !branch_in_range(pc, base + kPoolSize)) {
+      munmap(m, kPoolSize);
+      continue;
+    }
+    const int slot = n_pools.fetch_add(1);
+    if (slot >= kMaxPools) {
+      munmap(m, kPoolSize);
+      return nullptr;
+    }
+    pools[slot].base.store(base, std::memory_order_release);
+    if (uint32_t* w = pool_take(pools[slot], pc, bytes)) return w;
+  }
+  return nullptr;
+}
+
+// Replaces the word at `pc` by `word` with a single aligned store.
+std::atomic_flag patch_lock = ATOMIC_FLAG_INIT;
+bool patch_word(uint64_t pc, uint32_t word) {
+  const uint64_t page = pc & ~uint64_t(getpagesize() - 1);
+  while (patch_lock.test_and_set(std::memory_order_acquire)) {
+  }
+  bool ok = mprotect(reinterpret_cast<void*>(page), getpagesize(), PROT_READ | PROT_WRITE | PROT_EXEC) == 0;
+  if (ok) {
+    __atomic_store_n(reinterpret_cast<uint32_t*>(pc), word, __ATOMIC_RELEASE);
+    __builtin___clear_cache(reinterpret_cast<char*>(pc), reinterpret_cast<char*>(pc + 4));
+    mprotect(reinterpret_cast<void*>(page), getpagesize(), PROT_READ | PROT_EXEC);
+  }
+  patch_lock.clear(std::memory_order_release);
+  return ok;
+}
+
+bool code_is_ours(uint64_t pc) {
+  for (int i = 0; i < n_pools.load() && i < kMaxPools; ++i) {
+    const uint64_t b = pools[i].base.load();
+    if (b && pc >= b && pc < b + kPoolSize) return true;
+  }
+  return false;
+}
+
+// ---- the signal context ---------------------------------------------------------------------
+
+fpsimd_context* fp_context(ucontext_t* uc) {
+  auto* head = reinterpret_cast<_aarch64_ctx*>(uc->uc_mcontext.__reserved);
+  while (head->magic != 0) {
+    if (head->magic == FPSIMD_MAGIC) return reinterpret_cast<fpsimd_context*>(head);
+    head = reinterpret_cast<_aarch64_ctx*>(reinterpret_cast<char*>(head) + head->size);
+  }
+  return nullptr;
+}
+
+bool run_fallback(const instrlist_t* il, ucontext_t* uc, quern_thread* t) {
+  fpsimd_context* fp = fp_context(uc);
+  if (!fp) return false;
+  reg_file r;
+  std::memcpy(r.x, uc->uc_mcontext.regs, sizeof r.x);
+  r.sp = uc->uc_mcontext.sp;
+  r.nzcv = uc->uc_mcontext.pstate & 0xF0000000u;
+  r.fpsr = fp->fpsr;
+  r.fpcr = fp->fpcr;
+  std::memcpy(r.q, fp->vregs, sizeof r.q);
+  if (!interpret_sequence(il, r, t, rt.fpcr_field)) return false;
+  std::memcpy(uc->uc_mcontext.regs, r.x, sizeof r.x);
+  uc->uc_mcontext.sp = r.sp;
+  uc->uc_mcontext.pstate = (uc->uc_mcontext.pstate & ~uint64_t(0xF0000000u)) | r.nzcv;
+  fp->fpsr = r.fpsr;
+  fp->fpcr = r.fpcr;
+  std::memcpy(fp->vregs, r.q, sizeof r.q);
+  uc->uc_mcontext.pc += 4;
+  return true;
+}
+
+// Rewritten code for `il` near `pc`, and the branch to it. False when no code
+// buffer in range can be had or the code page cannot be made writable.
+bool place_code(const instrlist_t* il, uint64_t pc) {
+  constexpr size_t kMaxWords = 1024;
+  uint32_t* code = code_alloc(pc, kMaxWords);
+  if (!code) return false;
+  encode_env env{reinterpret_cast<uint64_t>(code), pc + 4, rt.tls_offset, rt.fpcr_field};
+  const size_t n = encode_sequence(il, env, code, kMaxWords);
+  if (n == 0) return false;
+  __builtin___clear_cache(reinterpret_cast<char*>(code), reinterpret_cast<char*>(code + n));
+  const uint32_t branch = encode_branch(pc, reinterpret_cast<uint64_t>(code));
+  return branch != 0 && patch_word(pc, branch);
+}
+
+// A word the pass did not take is a real illegal instruction of the program.
+void deliver_sigill(int sig, siginfo_t* info, void* ucv) {
+  const struct sigaction& app = rt.app_sigill;
+  if (app.sa_handler == SIG_DFL || app.sa_handler == SIG_IGN) {
+    struct sigaction dfl;
+    std::memset(&dfl, 0, sizeof dfl);
+    dfl.sa_handler = SIG_DFL;
+    rt.real_sigaction(SIGILL, &dfl, nullptr);   // the instruction runs again and ends the process
+    return;
+  }
+  if (app.sa_flags & SA_SIGINFO) app.sa_sigaction(sig, info, ucv);
+  else app.sa_handler(sig);
+}
+
+std::atomic<bool> fallback_logged{false};
+
+void on_sigill(int sig, siginfo_t* info, void* ucv) {
+  const int saved_errno = errno;
+  ucontext_t* uc = static_cast<ucontext_t*>(ucv);
+  const uint64_t pc = uc->uc_mcontext.pc;
+  const uint32_t word = *reinterpret_cast<const uint32_t*>(pc);
+
+  if (word == kNoBlockTrap && code_is_ours(pc)) {
+    // Rewritten code reached by a thread that has no block yet.
+    uc->uc_mcontext.regs[28] = reinterpret_cast<uint64_t>(self_block());
+    uc->uc_mcontext.pc = pc + 4;
+    errno = saved_errno;
+    return;
+  }
+
+  quern_thread* t = self_block();
+  t->arena.used = 0;
+  instrlist_t* il = instrlist_create(t);
+  instr_t* app = instr_create_app(t, reinterpret_cast<app_pc>(pc));
+  instrlist_append(il, app);
+  for (int i = 0; i < rt.n_passes; ++i) rt.passes[i](t, reinterpret_cast<void*>(pc), il, false, false);
+
+  if (il->first == app && il->last == app) {
+    deliver_sigill(sig, info, ucv);
+  } else if (rt.force_fallback || !place_code(il, pc)) {
+    if (!fallback_logged.exchange(true))
+      dr_log(t, DR_LOG_ALL, 1, "quern: emulating from the signal context (no rewritten code at %p)\n",
+             reinterpret_cast<void*>(pc));
+    if (!run_fallback(il, uc, t)) {
+      put_str(2, "quern: cannot carry out the rewritten instruction\n");
+      _exit(127);
+    }
+  }
+  errno = saved_errno;
+}
+
+// ---- threads -----------------------------------------------------------------------------------
+
+pthread_key_t exit_key;
+
+void thread_exit_destructor(void* block) { block_destroy(static_cast<quern_thread*>(block)); }
+
+struct start_args {
+  void* (*fn)(void*);
+  void* arg;
+};
+
+void* thread_start(void* p) {
+  const start_args a = *static_cast<start_args*>(p);
+  free(p);
+  pthread_setspecific(exit_key, self_block());
+  return a.fn(a.arg);
+}
+
+void process_exit() {
+  if (quern_self) block_destroy(quern_self);
+  for (int i = rt.n_exit - 1; i >= 0; --i) rt.exit[i]();
+}
+
+// ---- start-up ---------------------------------------------------------------------------------------
+
+void die(const char* what, const char* detail) {
+  put_str(2, "quern: ");
+  put_str(2, what);
+  if (detail) {
+    put_str(2, ": ");
+    put_str(2, detail);
+  }
+  put_str(2, "\n");
+  _exit(127);
+}
+
+__attribute__((constructor)) void framework_start() {
+  rt.real_sigaction = reinterpret_cast<sigaction_fn>(dlsym(RTLD_NEXT, "sigaction"));
+  rt.real_pthread_create = reinterpret_cast<pthread_create_fn>(dlsym(RTLD_NEXT, "pthread_create"));
+  if (!rt.real_sigaction || !rt.real_pthread_create) die("cannot find the C library's sigaction", nullptr);
+  rt.tls_offset = reinterpret_cast<char*>(&quern_self) - static_cast<char*>(__builtin_thread_pointer());
+  rt.fpcr_field = offsetof(cpu_state, fpcr);
+  runtime_read_environment();
+
+  const char* client = getenv("QUERN_CLIENT");
+  if (!client || !*client) die("QUERN_CLIENT names no client library", nullptr);
+  void* lib = dlopen(client, RTLD_NOW | RTLD_LOCAL);
+  if (!lib) die("cannot load the client", dlerror());
+  auto* version = static_cast<const quern_dr_version_t*>(dlsym(lib, "_USES_DR_VERSION_"));
+  auto* client_main = reinterpret_cast<void (*)(client_id_t, int, const char**)>(dlsym(lib, "dr_client_main"));
+  if (!version || !client_main) die("not a client library", client);
+
+  pthread_key_create(&exit_key, thread_exit_destructor);
+  rt.client_argv[0] = client;
+  client_main(0, rt.client_argc, rt.client_argv);
+
+  pthread_setspecific(exit_key, self_block());
+  atexit(process_exit);
+
+  struct sigaction sa;
+  std::memset(&sa, 0, sizeof sa);
+  sa.sa_sigaction = on_sigill;
+  sa.sa_flags = SA_SIGINFO | SA_RESTART;
+  sigemptyset(&sa.sa_mask);
+  rt.real_sigaction(SIGILL, &sa, nullptr);
+}
+
+}  // namespace
+
+// ---- interposed C library entry points ---------------------------------------------------------------
+
+extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* thread, const pthread_attr_t* attr,
+                                                                     void* (*fn)(void*), void* arg) {
+  auto* a = static_cast<start_args*>(malloc(sizeof(start_args)));
+  if (!a) return EAGAIN;
+  *a = {fn, arg};
+  const int rc = rt.real_pthread_create(thread, attr, thread_start, a);
+  if (rc != 0) free(a);
+  return rc;
+}
+
+// The program's own SIGILL action is kept aside: the framework's handler stays
+// installed and hands genuine illegal instructions on to it.
+extern "C" __attribute__((visibility("default"))) int sigaction(int sig, const struct sigaction* act,
+                                                                struct sigaction* old) {
+  if (sig != SIGILL || !rt.real_sigaction) return rt.real_sigaction ? rt.real_sigaction(sig, act, old) : -1;
+  if (old) *old = rt.app_sigill;
+  if (act) rt.app_sigill = *act;
+  return 0;
+}
+
+extern "C" __attribute__((visibility("default"))) sighandler_t signal(int sig, sighandler_t handler) {
+  struct sigaction act, old;
+  std::memset(&act, 0, sizeof act);
+  act.sa_handler = handler;
+  act.sa_flags = SA_RESTART;
+  sigemptyset(&act.sa_mask);
+  if (sigaction(sig, &act, &old) != 0) return SIG_ERR;
+  return old.sa_handler;
+}
+
+void* dr_get_current_drcontext() { return self_block(); }
