@@ -3,6 +3,8 @@
 //   quern decode WORD...             what each instruction word decodes to
 //   quern decode --operands WORD...  the same, with the operands its adapter extracts
 //   quern decode --coverage          how many rows of the decode table have their operation
+//   quern run ... -- PROGRAM ARGS    run a program with its SVE instructions emulated
+//   quern trace dump|stats FILE      a memory trace file, as CSV or summed up
 #include <cctype>
 #include <cinttypes>
 #include <cstdio>
@@ -12,12 +14,17 @@
 #include <string>
 
 #include "sve/dispatch/decode.h"
+#include "tools/quern/run_cmd.h"
+#include "tools/quern/trace_cmd.h"
 
 namespace {
 
 const char kUsage[] =
     "usage: quern decode [--operands] WORD...   (hexadecimal instruction words)\n"
-    "       quern decode --coverage\n";
+    "       quern decode --coverage\n"
+    "       quern run [options] -- PROGRAM [ARGS...]   (run a program with its SVE emulated)\n"
+    "       quern trace dump FILE        (a memory trace, as CSV)\n"
+    "       quern trace stats FILE       (a summary of a memory trace)\n";
 
 int usage_error(const char* what) {
   fprintf(stderr, "quern: %s\n%s", what, kUsage);
@@ -103,6 +110,8 @@ int main(int argc, char** argv) {
     fputs(kUsage, stdout);
     return 0;
   }
+  if (verb == "trace") return trace_main(argc - 1, argv + 1);
+  if (verb == "run") return run_main(argc - 1, argv + 1);
   if (verb != "decode") return usage_error(("unknown command: " + verb).c_str());
   if (argc >= 3 && !strcmp(argv[2], "--coverage")) {
     if (argc != 3) return usage_error("--coverage takes no words");
