@@ -9,6 +9,7 @@
 #include "sve/int/add_sub.h"
 #include "sve/int/fast_lanes.h"
 #include "sve/int/vec_loop.h"
+#include "sve/memory/memtrace.h"
 
 namespace {
 
@@ -68,8 +69,13 @@ aarch64_decode_rc sve_sub_zzz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn,
   return fast::by_size<zzz<sub_op>::at>(zd.size, cs, zd, zn, zm);
 }
 // With byte elements and the shift bit set the immediate is a multiple of 256:
-// its low byte is 0 and the register stays as it is.
+// its low byte is 0 and the register stays as it is. Two of those words, which
+// no compiler emits, mark the region of the memory trace: #1, LSL #8 starts it
+// and #2, LSL #8 stops it, on the calling thread.
 aarch64_decode_rc sve_add_zi(cpu_state* cs, aarch64_z_reg zdn, unsigned int imm) {
+  const bool bytes = zdn.in_size != 1 && zdn.in_size != 2 && zdn.in_size != 3;
+  if (bytes && imm == 256) trace_region_start();
+  else if (bytes && imm == 512) trace_region_stop();
   return fast::by_size<zi<add_op>::at>(zdn.in_size, cs, zdn, imm);
 }
 aarch64_decode_rc sve_sub_zi(cpu_state* cs, aarch64_z_reg zdn, unsigned int imm) {
