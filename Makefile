@@ -7,7 +7,7 @@
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: demo test setup native asan aarch64 test-native test-asan test-aarch64 bench clean
+.PHONY: demo test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle clean
 
 setup:
 	@tools/setup.sh
@@ -48,8 +48,19 @@ demo: native
 	@echo
 	build/native/tools/quern/quern decode --coverage
 
-bench: native
+bench: native aarch64
 	build/native/bench/bench_decode
+	bench/run_emulated_add.sh build/native/tools/quern/quern build/aarch64/bench/emulated_add
+
+# The differential test, at length: every row, ORACLE_TRIALS trials each, a
+# fresh seed (or ORACLE_SEED=...). Report in build/aarch64/oracle-report.tsv.
+ORACLE_TRIALS ?= 100
+ORACLE_FLAGS ?= --quiet
+oracle: aarch64
+	@seed=$${ORACLE_SEED:-$$(od -An -N4 -tu4 /dev/urandom | tr -d ' ')}; \
+	echo "oracle seed: $$seed"; \
+	qemu-aarch64 -cpu max,sve-max-vq=3 -L /usr/aarch64-linux-gnu build/aarch64/tests/oracle/quern-oracle \
+	  --trials $(ORACLE_TRIALS) --seed $$seed --report build/aarch64/oracle-report.tsv $(ORACLE_FLAGS)
 
 clean:
 	rm -rf build

@@ -196,6 +196,8 @@ bool place_code(const instrlist_t* il, uint64_t pc) {
   const size_t n = encode_sequence(il, env, code, kMaxWords);
   if (n == 0) return false;
   __builtin___clear_cache(reinterpret_cast<char*>(code), reinterpret_cast<char*>(code + n));
+  dr_log(nullptr, DR_LOG_ALL, 2, "quern: rewrote %p with %zu instructions at %p\n", reinterpret_cast<void*>(pc), n,
+         static_cast<void*>(code));
   const uint32_t branch = encode_branch(pc, reinterpret_cast<uint64_t>(code));
   return branch != 0 && patch_word(pc, branch);
 }
