@@ -30,7 +30,7 @@ asan: build/asan/Makefile
 aarch64: build/aarch64/Makefile
 	cmake --build build/aarch64 -j $(JOBS)
 
-test-native: native
+test-native: native aarch64
 	cd build/native && ctest --output-on-failure -j $(JOBS)
 
 test-asan: asan
@@ -41,12 +41,16 @@ test-aarch64: aarch64
 
 test: test-native test-asan test-aarch64
 
-demo: native
-	build/native/examples/quern_demo
+demo: native aarch64
+	@echo "== examples/sve_demo.c under quern run, on a processor without SVE"
+	build/native/tools/quern/quern run --trace build/sve_demo.qtrace -- build/aarch64/examples/sve_demo
 	@echo
-	build/native/tools/quern/quern decode 0x04a20020 0x2520c020 0x0416a000 0x8b020020
+	@echo "== its memory trace"
+	build/native/tools/quern/quern trace stats build/sve_demo.qtrace
 	@echo
-	build/native/tools/quern/quern decode --coverage
+	@echo "== what the emulator knows of some instruction words"
+	build/native/tools/quern/quern decode 0x04a20020 0x2520e020 0x0416a000 0x8b020020
+	build/native/tools/quern/quern decode --coverage | tail -1
 
 bench: native aarch64
 	build/native/bench/bench_decode
