@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -125,6 +126,9 @@ bool parse_state(const std::string& text, exempt_state& st, std::string& err) {
   } else if (sel == "memory") {
     st.kind = state_kind::memory;
     ok = true;
+  } else if (sel == "signal") {
+    st.kind = state_kind::signal;
+    ok = true;
   } else if (!sel.empty() && (sel[0] == 'x' || sel[0] == 'z' || sel[0] == 'p')) {
     st.kind = sel[0] == 'x' ? state_kind::x : sel[0] == 'z' ? state_kind::z : state_kind::p;
     const unsigned limit = st.kind == state_kind::p ? 16 : st.kind == state_kind::x ? 31 : 32;
@@ -153,15 +157,17 @@ bool parse_state(const std::string& text, exempt_state& st, std::string& err) {
     return false;
   }
   if (!lanes.empty()) {
-    if (st.kind != state_kind::z) {
-      err = "lane qualifier on a state that is not a Z register: '" + text + "'";
+    if (st.kind != state_kind::z && st.kind != state_kind::ffr) {
+      err = "lane qualifier on a state that is neither a Z register nor FFR: '" + text + "'";
       return false;
     }
-    if (lanes == "nan.h" || lanes == "nan.s" || lanes == "nan.d") {
+    if (st.kind == state_kind::z && (lanes == "nan.h" || lanes == "nan.s" || lanes == "nan.d")) {
       st.lanes = lane_rule::nan;
       st.lane_bytes = lanes[4] == 'h' ? 2 : lanes[4] == 's' ? 4 : 8;
     } else if (lanes == "ff-unknown") {
       st.lanes = lane_rule::ff_unknown;
+    } else if (lanes == "given-up") {
+      st.lanes = lane_rule::given_up;
     } else {
       err = "unknown lane qualifier '" + lanes + "'";
       return false;
@@ -388,6 +394,19 @@ unsigned ff_unknown_start(const trial_view& t) {
   return kVecBytes;
 }
 
+// The first FFR bit that quern cleared, else 48.
+unsigned given_up_start(const trial_view& t) {
+  for (unsigned i = 0; i < kVecBytes; ++i)
+    if (!t.emu->ffr[i] && t.initial->ffr[i]) return i;
+  return kVecBytes;
+}
+
+// Bits `start` to 47.
+uint64_t from(unsigned start) {
+  const uint64_t all48 = (uint64_t(1) << kVecBytes) - 1;
+  return start >= kVecBytes ? 0 : all48 & ~((uint64_t(1) << start) - 1);
+}
+
 unsigned resolve_reg(const exempt_state& s, uint32_t word) {
   return s.reg_from_word ? static_cast<unsigned>((word & range_mask(s.hi, s.lo)) >> s.lo) : s.reg;
 }
@@ -449,6 +468,13 @@ uint64_t all_bits(const exempt_state& s) { return s.bits; }
 std::vector<difference> compare_trial(const trial_view& t, const std::vector<departure>& all,
                                       const std::vector<int>& applicable) {
   std::vector<difference> out;
+  if (t.emu_signal) {
+    const bool memory_fault = t.emu_signal == SIGSEGV || t.emu_signal == SIGBUS;
+    add(out, "signal",
+        "the emulated run raised signal " + std::to_string(t.emu_signal) + " (" + strsignal(t.emu_signal) + ")", 1,
+        memory_fault ? exempted(t, all, applicable, state_kind::signal, 0, all_bits) : exemption{});
+    return out;
+  }
   const cpu_state& r = *t.ref;
   const cpu_state& m = *t.emu;
   auto scalar = [&](state_kind kind, unsigned reg, const std::string& name, uint64_t a, uint64_t b) {
@@ -474,8 +500,10 @@ std::vector<difference> compare_trial(const trial_view& t, const std::vector<dep
         for (unsigned i = 0; i < kVecBytes; i += s.lane_bytes)
           if (is_nan(r.z[n] + i, s.lane_bytes) && is_nan(m.z[n] + i, s.lane_bytes))
             mask |= ((uint64_t(1) << s.lane_bytes) - 1) << i;
+      } else if (s.lanes == lane_rule::ff_unknown) {
+        mask = from(ff_unknown_start(t));
       } else {
-        for (unsigned i = ff_unknown_start(t); i < kVecBytes; ++i) mask |= uint64_t(1) << i;
+        mask = from(given_up_start(t));
       }
       return mask;
     });
@@ -502,7 +530,29 @@ std::vector<difference> compare_trial(const trial_view& t, const std::vector<dep
     add(out, name, "ref " + bits48(a) + " emu " + bits48(b) + " (lane 0 first)", diff, e);
   };
   for (unsigned n = 0; n < 16; ++n) pred(state_kind::p, n, "p" + std::to_string(n), r.p[n], m.p[n]);
-  pred(state_kind::ffr, 0, "ffr", r.ffr, m.ffr);
+  {
+    uint64_t diff = 0, cleared_by_emu = 0;
+    for (unsigned i = 0; i < kVecBytes; ++i) {
+      if (r.ffr[i] != m.ffr[i]) diff |= uint64_t(1) << i;
+      if (r.ffr[i] && !m.ffr[i]) cleared_by_emu |= uint64_t(1) << i;
+    }
+    if (diff) {
+      const exemption e = exempted(t, all, applicable, state_kind::ffr, 0, [&](const exempt_state& s) {
+        switch (s.lanes) {
+          case lane_rule::ff_unknown: return from(ff_unknown_start(t));
+          case lane_rule::given_up: {
+            // Only a clean stop: from its first cleared bit on, quern's FFR is all clear.
+            const unsigned start = given_up_start(t);
+            for (unsigned i = start; i < kVecBytes; ++i)
+              if (m.ffr[i]) return uint64_t(0);
+            return from(start) & cleared_by_emu;
+          }
+          default: return (uint64_t(1) << kVecBytes) - 1;
+        }
+      });
+      add(out, "ffr", "ref " + bits48(r.ffr) + " emu " + bits48(m.ffr) + " (lane 0 first)", diff, e);
+    }
+  }
 
   if (t.ref_mem && t.emu_mem && std::memcmp(t.ref_mem, t.emu_mem, t.mem_size) != 0) {
     size_t count = 0;

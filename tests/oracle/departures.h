@@ -19,13 +19,15 @@ namespace oracle {
 
 // ---- entries -------------------------------------------------------------------
 
-enum class state_kind { x, sp, nzcv, fpsr, fpcr, z, p, ffr, memory };
+enum class state_kind { x, sp, nzcv, fpsr, fpcr, z, p, ffr, memory, signal };
 
-// Which lanes of a Z or P register (or FFR) an exemption covers.
+// Which lanes of a Z register or of FFR an exemption covers.
 enum class lane_rule {
   all,         // the whole register
-  nan,         // lanes of lane_bytes where both results are NaNs
-  ff_unknown,  // bytes from the first lane that the reference's first-fault load gave up on
+  nan,         // Z: lanes of lane_bytes where both results are NaNs
+  ff_unknown,  // from the first FFR bit that the reference cleared (its load stopped there)
+  given_up,    // from the first FFR bit that quern cleared; for FFR only the bits that
+               // quern cleared and the reference kept
 };
 
 // One exempted piece of state.
@@ -76,6 +78,7 @@ bool departure_applies(const departure& d, const decode_row& r);
 // null (a row that touches no memory); then memory is not compared.
 struct trial_view {
   uint32_t word = 0;
+  int emu_signal = 0;              // the emulated run raised this signal; its state is not compared
   bool fault_trial = false;        // some access was placed on the unmapped page
   const cpu_state* initial = nullptr;
   const cpu_state* ref = nullptr;
@@ -91,7 +94,9 @@ struct difference {
   int exempted_by = -1;            // index into the departures given, or -1
 };
 
-// Compares reference against emulated: every X register, SP, NZCV, FPSR,
+// Compares reference against emulated. If the emulated run raised a signal,
+// that alone is the difference ("signal"; only SIGSEGV and SIGBUS can be
+// excused, by a `signal` entry). Otherwise: every X register, SP, NZCV, FPSR,
 // FPCR, all 48 bytes of every Z register, every P register, FFR and the
 // memory. A piece of state that differs is exempted only if every differing
 // bit or byte of it is covered by the applicable departures whose condition

@@ -322,25 +322,16 @@ unsigned field(uint32_t word, int hi, int lo) {
   return (word >> lo) & ((1u << (hi - lo + 1)) - 1);
 }
 
+// The signed 4-bit multiple of the vector length of contiguous loads, bits 19..16.
+int64_t imm4(uint32_t word) { return static_cast<int64_t>(field(word, 19, 16) ^ 8u) - 8; }
+
 void put_lane(unsigned char* z, unsigned lane, unsigned bytes, uint64_t v) {
   std::memcpy(z + lane * bytes, &v, bytes);
 }
 
 }  // namespace
 
-// ---- one trial -------------------------------------------------------------------------
-
-void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch_area& scratch, trial_input& t,
-                unsigned char* mem) {
-  // The word. With the same register as base and index no bound holds; draw again.
-  for (int tries = 0;; ++tries) {
-    t.word = r.value | (static_cast<uint32_t>(g.next()) & ~r.mask);
-    if (plan.form != addr_form::scalar_scalar || tries > 64) break;
-    const unsigned b = field(t.word, plan.base_hi, plan.base_lo), i = field(t.word, plan.index_hi, plan.index_lo);
-    if (b != i || i == 31) break;
-  }
-
-  cpu_state& s = t.state;
+void random_state(cpu_state& s, rng& g, const scratch_area& scratch, bool first_fault) {
   std::memset(&s, 0, sizeof s);
   for (auto& x : s.x) x = random_x(g);
   const uint64_t base = reinterpret_cast<uint64_t>(scratch.mem);
@@ -354,11 +345,34 @@ void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch
   for (auto& p : s.p) random_pred(p, g);
   // FFR: mostly a first run of set bits, as SETFFR and first-fault loads leave it.
   {
-    const unsigned kind = static_cast<unsigned>(g.below(plan.first_fault ? 4 : 5));
+    const unsigned kind = static_cast<unsigned>(g.below(first_fault ? 4 : 5));
     const unsigned run = static_cast<unsigned>(g.below(kVecBytes + 1));
     for (unsigned i = 0; i < kVecBytes; ++i)
       s.ffr[i] = kind <= 1 ? 1 : kind <= 3 ? i < run : static_cast<unsigned char>(g.below(2));
   }
+}
+
+// ---- one trial -------------------------------------------------------------------------
+
+void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch_area& scratch, trial_input& t,
+                unsigned char* mem) {
+  // The word. With the same register as base and index no bound holds: draw
+  // again, and in the end take another index register.
+  for (int tries = 0;; ++tries) {
+    t.word = r.value | (static_cast<uint32_t>(g.next()) & ~r.mask);
+    if (plan.form != addr_form::scalar_scalar) break;
+    const unsigned b = field(t.word, plan.base_hi, plan.base_lo), i = field(t.word, plan.index_hi, plan.index_lo);
+    if (b != i || i == 31) break;
+    if (tries == 16) {
+      t.word ^= 1u << plan.index_lo;
+      break;
+    }
+  }
+
+  random_state(t.state, g, scratch, plan.first_fault);
+  cpu_state& s = t.state;
+  const uint64_t base = reinterpret_cast<uint64_t>(scratch.mem);
+  const uint64_t mid = base + scratch.size / 2;
   t.fault_trial = false;
   if (!plan.memory || plan.prefetch) return;
 
@@ -381,7 +395,7 @@ void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch
       // Put the first element's address within one footprint of the end.
       const uint64_t footprint = (kVecBytes / plan.esize) * plan.msize;
       const uint64_t target = end - g.below(footprint + 1);
-      const int64_t imm = plan.form == addr_form::scalar_imm ? adapter_sext4(t.word) : 0;
+      const int64_t imm = plan.form == addr_form::scalar_imm ? imm4(t.word) : 0;
       b = target - static_cast<uint64_t>(imm * static_cast<int64_t>(footprint)) -
           static_cast<uint64_t>(index) * plan.msize;
     }

@@ -63,6 +63,11 @@ struct row_plan {
 // tokens do not fit together (the oracle would then bound the wrong thing).
 bool plan_row(const decode_row& r, row_plan& plan, std::string& error);
 
+// A random machine state: X registers, SP (16-byte aligned, inside the scratch
+// area), NZCV, FPSR, FPCR, Z, P and FFR (a first run of set bits mostly, and
+// always for first-fault rows).
+void random_state(cpu_state& s, rng& g, const scratch_area& scratch, bool first_fault);
+
 struct trial_input {
   uint32_t word = 0;
   cpu_state state{};
