@@ -100,9 +100,10 @@ struct BusPage {
 // ---- SVEInitialize ---------------------------------------------------------
 
 TEST(SveInitialize, FirstCallInstallsHandlersAndContext) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  // In a freshly executed child nothing has touched the state since the first
-  // call, whether that is this one or the library's own static initialiser.
+  GTEST_FLAG_SET(death_test_style, "fast");
+  // Death tests fork ("fast" style: a re-executed child cannot start under
+  // qemu-user). This test comes first, so nothing has touched the state since
+  // the first call, whether that is this one or the library's static initialiser.
   auto body = [] {
     if (SVEInitialize() != 1) { std::fputs("call != 1\n", stderr); _exit(2); }
     for (int s : {SIGSEGV, SIGBUS})
@@ -268,7 +269,7 @@ class OneHandlerLine : public ::testing::MatcherInterface<const std::string&> {
 void read_byte(const char* p) { (void)*static_cast<const volatile char*>(p); }
 
 TEST(ApplicationFault, PrintsOnceAndDiesByTheSignal) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, "fast");
   struct Case { const char* name; int signo; bool bus; };
   for (const Case& c : {Case{"SIGSEGV", SIGSEGV, false}, Case{"SIGBUS", SIGBUS, true}}) {
     auto body = [&c] {
@@ -288,7 +289,7 @@ TEST(ApplicationFault, PrintsOnceAndDiesByTheSignal) {
 }
 
 TEST(ApplicationFault, SigbusAfterSigsegvFindsDefaultAction) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, "fast");
   auto body = [] {
     alarm(5);
     BusPage bus;
@@ -307,7 +308,7 @@ TEST(ApplicationFault, SigbusAfterSigsegvFindsDefaultAction) {
 // prober spends most of its time inside that window, but a single run can miss
 // it, so the scenario is repeated.
 TEST(ApplicationFault, ProbeDoesNotSwallowAnotherThreadsFault) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  GTEST_FLAG_SET(death_test_style, "fast");
   auto body = [] {
     alarm(5);
     static Arena arena;
