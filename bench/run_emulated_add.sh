@@ -3,10 +3,11 @@
 # the number of instructions emitted in place of one emulated instruction.
 set -euo pipefail
 quern=$1 prog=$2 n=${3:-1000000}
-log=$(mktemp)
-trap 'rm -f "$log"' EXIT
-rewritten=$("$quern" run --log-level 2 --log "$log" -- "$prog" "$n")
-fallback=$("$quern" run --fallback -- "$prog" $((n / 10)))
+dir=$(mktemp -d)
+trap 'rm -rf "$dir"' EXIT
+log=$dir/log
+rewritten=$("$quern" run --log-level 2 --log "$log" --trace "$dir/1.qtrace" -- "$prog" "$n")
+fallback=$("$quern" run --fallback --trace "$dir/2.qtrace" -- "$prog" $((n / 10)))
 words=$(grep -o 'rewrote .* with [0-9]* instructions' "$log" | head -1 | grep -o '[0-9]* instructions' || true)
 r=$(sed 's/ ns.*//' <<<"$rewritten"); f=$(sed 's/ ns.*//' <<<"$fallback")
 echo "rewritten code: $rewritten"
