@@ -86,8 +86,10 @@ int stats(const char* path) {
       ++stops;
       return;
     }
-    if (r.access == MEMACCESS_LOAD) ++loads;
-    else ++stores;
+    if (r.access == MEMACCESS_LOAD)
+      ++loads;
+    else
+      ++stores;
     ++per_pc[r.pc];
     threads.insert(r.tid);
     add_units(lines, r.vaddr, r.size, 6);
