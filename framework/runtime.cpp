@@ -28,6 +28,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 
 #include "framework/encode.h"
 #include "framework/interp.h"
@@ -202,29 +203,24 @@ bool place_code(const instrlist_t* il, uint64_t pc) {
   return branch != 0 && patch_word(pc, branch);
 }
 
-// A word the pass did not take is a real illegal instruction of the program.
-void deliver_sigill(int sig, siginfo_t* info, void* ucv) {
-  const struct sigaction& app = rt.app_sigill;
-  if (app.sa_handler == SIG_DFL || app.sa_handler == SIG_IGN) {
-    struct sigaction dfl;
-    std::memset(&dfl, 0, sizeof dfl);
-    dfl.sa_handler = SIG_DFL;
-    rt.real_sigaction(SIGILL, &dfl, nullptr);   // the instruction runs again and ends the process
-    return;
-  }
-  if (app.sa_flags & SA_SIGINFO) app.sa_sigaction(sig, info, ucv);
-  else app.sa_handler(sig);
-}
-
 std::atomic<bool> fallback_logged{false};
+
+// Passes run one at a time: a word that two threads hit for the first time at
+// once is rewritten by one of them, and the other finds the branch.
+std::atomic_flag pass_lock = ATOMIC_FLAG_INIT;
+
+bool is_branch_to_our_code(uint64_t pc, uint32_t word) {
+  if ((word & 0xFC000000u) != 0x14000000u) return false;
+  const int64_t offset = static_cast<int64_t>(static_cast<int32_t>(word << 6) >> 6) * 4;
+  return code_is_ours(pc + static_cast<uint64_t>(offset));
+}
 
 void on_sigill(int sig, siginfo_t* info, void* ucv) {
   const int saved_errno = errno;
   ucontext_t* uc = static_cast<ucontext_t*>(ucv);
   const uint64_t pc = uc->uc_mcontext.pc;
-  const uint32_t word = *reinterpret_cast<const uint32_t*>(pc);
 
-  if (word == kNoBlockTrap && code_is_ours(pc)) {
+  if (*reinterpret_cast<const uint32_t*>(pc) == kNoBlockTrap && code_is_ours(pc)) {
     // Rewritten code reached by a thread that has no block yet.
     uc->uc_mcontext.regs[28] = reinterpret_cast<uint64_t>(self_block());
     uc->uc_mcontext.pc = pc + 4;
@@ -233,6 +229,13 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
   }
 
   quern_thread* t = self_block();
+  while (pass_lock.test_and_set(std::memory_order_acquire)) {
+  }
+  if (is_branch_to_our_code(pc, *reinterpret_cast<const volatile uint32_t*>(pc))) {
+    pass_lock.clear(std::memory_order_release);   // rewritten meanwhile: run the branch
+    errno = saved_errno;
+    return;
+  }
   t->arena.used = 0;
   instrlist_t* il = instrlist_create(t);
   instr_t* app = instr_create_app(t, reinterpret_cast<app_pc>(pc));
@@ -240,8 +243,12 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
   for (int i = 0; i < rt.n_passes; ++i) rt.passes[i](t, reinterpret_cast<void*>(pc), il, false, false);
 
   if (il->first == app && il->last == app) {
+    pass_lock.clear(std::memory_order_release);
     deliver_sigill(sig, info, ucv);
-  } else if (rt.force_fallback || !place_code(il, pc)) {
+  } else if (!rt.force_fallback && place_code(il, pc)) {
+    pass_lock.clear(std::memory_order_release);
+  } else {
+    pass_lock.clear(std::memory_order_release);
     if (!fallback_logged.exchange(true))
       dr_log(t, DR_LOG_ALL, 1, "quern: emulating from the signal context (no rewritten code at %p)\n",
              reinterpret_cast<void*>(pc));
@@ -292,7 +299,9 @@ void die(const char* what, const char* detail) {
 __attribute__((constructor)) void framework_start() {
   rt.real_sigaction = reinterpret_cast<sigaction_fn>(dlsym(RTLD_NEXT, "sigaction"));
   rt.real_pthread_create = reinterpret_cast<pthread_create_fn>(dlsym(RTLD_NEXT, "pthread_create"));
-  if (!rt.real_sigaction || !rt.real_pthread_create) die("cannot find the C library's sigaction", nullptr);
+  rt.real_pthread_sigmask = reinterpret_cast<pthread_sigmask_fn>(dlsym(RTLD_NEXT, "pthread_sigmask"));
+  if (!rt.real_sigaction || !rt.real_pthread_create || !rt.real_pthread_sigmask)
+    die("cannot find the C library's signal and thread functions", nullptr);
   rt.tls_offset = reinterpret_cast<char*>(&quern_self) - static_cast<char*>(__builtin_thread_pointer());
   rt.fpcr_field = offsetof(cpu_state, fpcr);
   runtime_read_environment();
@@ -316,7 +325,10 @@ __attribute__((constructor)) void framework_start() {
   std::memset(&sa, 0, sizeof sa);
   sa.sa_sigaction = on_sigill;
   sa.sa_flags = SA_SIGINFO | SA_RESTART;
-  sigemptyset(&sa.sa_mask);
+  // Nothing asynchronous interrupts a pass or a fallback emulation; faults
+  // (a guarded read of the emulated instruction) still get through.
+  sigfillset(&sa.sa_mask);
+  for (int s : {SIGSEGV, SIGBUS, SIGFPE, SIGTRAP, SIGILL}) sigdelset(&sa.sa_mask, s);
   rt.real_sigaction(SIGILL, &sa, nullptr);
 }
 
@@ -334,24 +346,6 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
   return rc;
 }
 
-// The program's own SIGILL action is kept aside: the framework's handler stays
-// installed and hands genuine illegal instructions on to it.
-extern "C" __attribute__((visibility("default"))) int sigaction(int sig, const struct sigaction* act,
-                                                                struct sigaction* old) {
-  if (sig != SIGILL || !rt.real_sigaction) return rt.real_sigaction ? rt.real_sigaction(sig, act, old) : -1;
-  if (old) *old = rt.app_sigill;
-  if (act) rt.app_sigill = *act;
-  return 0;
-}
-
-extern "C" __attribute__((visibility("default"))) sighandler_t signal(int sig, sighandler_t handler) {
-  struct sigaction act, old;
-  std::memset(&act, 0, sizeof act);
-  act.sa_handler = handler;
-  act.sa_flags = SA_RESTART;
-  sigemptyset(&act.sa_mask);
-  if (sigaction(sig, &act, &old) != 0) return SIG_ERR;
-  return old.sa_handler;
-}
-
 void* dr_get_current_drcontext() { return self_block(); }
+
+quern_thread* current_block() { return quern_self; }

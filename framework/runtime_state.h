@@ -9,6 +9,7 @@
 
 using sigaction_fn = int (*)(int, const struct sigaction*, struct sigaction*);
 using pthread_create_fn = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+using pthread_sigmask_fn = int (*)(int, const sigset_t*, sigset_t*);
 
 struct runtime_state {
   bb_app2app_fn passes[4];
@@ -24,6 +25,7 @@ struct runtime_state {
   struct sigaction app_sigill;   // what the program asked for SIGILL
   sigaction_fn real_sigaction;
   pthread_create_fn real_pthread_create;
+  pthread_sigmask_fn real_pthread_sigmask;
 
   long tls_offset;               // of the block pointer from TPIDR_EL0
   int fpcr_field;                // offset of FPCR in the client's per-thread record
@@ -36,6 +38,14 @@ struct runtime_state {
 };
 
 extern runtime_state rt;
+
+struct quern_thread;
+// The calling thread's block, or null if it has none yet.
+quern_thread* current_block();
+
+// Hands a genuine illegal instruction to the program's own SIGILL action, or
+// lets it end the process.
+void deliver_sigill(int sig, siginfo_t* info, void* uc);
 
 // Reads QUERN_LOG_LEVEL, QUERN_LOG_FILE, QUERN_FALLBACK and QUERN_CLIENT_OPTIONS.
 void runtime_read_environment();
