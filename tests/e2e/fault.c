@@ -1,7 +1,7 @@
 // A fault of the program's own, after emulated additions: the process must
 // end by the signal, as it would on a processor with SVE.
 //
-//   e2e_fault segv|bus
+//   e2e_fault segv|bus|emulated   (emulated: an emulated load from address 0)
 #define _GNU_SOURCE
 #include <signal.h>
 #include <stdint.h>
@@ -26,6 +26,10 @@ int main(int argc, char** argv) {
   if (!strcmp(mode, "segv")) {
     volatile int* volatile null = NULL;
     *null = 1;
+  } else if (!strcmp(mode, "emulated")) {
+    // ldr z0, [x0] with x0 = 0: the fault happens inside the emulator.
+    register uint64_t base __asm__("x0") = 0;
+    __asm__ volatile(".inst 0x85804000" : : "r"(base) : "v0", "memory");
   } else if (!strcmp(mode, "bus")) {
     // A shared mapping of a file past its end.
     FILE* f = tmpfile();

@@ -18,7 +18,7 @@ cases=(
   flow flow-fallback
   sigill-default sigill-handler sigill-mask sigill-longjmp sigill-restore sigill-ignore sigill-resethand
   threads threads-fallback threads-race threads-race-fallback
-  fault-segv fault-bus
+  fault-segv fault-bus fault-emulated
   options-unknown options-none
   markers markers-repeat markers-fallback markers-default-file
   acle
@@ -320,6 +320,7 @@ fault_case() {
 }
 case_fault-segv() { fault_case segv 139 SIGSEGV; }
 case_fault-bus() { fault_case bus 135 SIGBUS; }
+case_fault-emulated() { fault_case emulated 139 SIGSEGV; }
 
 # An option before `--` that is not the launcher's goes to the client, which
 # has none: it stops the process before the program's main.
