@@ -3,7 +3,8 @@
 
 For every row of sve/dispatch/decode_table.txt that has operands, the check
 builds words with random operand fields (and a few fixed patterns), has
-objdump disassemble them, and compares:
+objdump disassemble them and the assembler assemble the text again (a word
+that does not come back as itself is not used), and compares:
 
   * the value of every token (register numbers, immediates after their
     expansion) with the operand that objdump printed for it, and
@@ -285,6 +286,37 @@ def disassemble(words, assembler, objdump):
         text = m.group(3).split("//")[0].strip().replace("\t", " ")
         if not text.startswith(".inst") and "undefined" not in text:
             result[index] = text
+    return result
+
+
+def reassemble(texts, assembler, objdump):
+    """The word that the assembler makes of each text (None where it refuses
+    the text). Checked words are those that survive the round trip, so that
+    every sample is an instruction as the assembler writes it."""
+    lines = [(i, t) for i, t in enumerate(texts) if t]
+    result = [None] * len(texts)
+    with tempfile.TemporaryDirectory() as tmp:
+        src, obj = os.path.join(tmp, "a.s"), os.path.join(tmp, "a.o")
+        for _ in range(3):   # drop the lines it refuses, and try again
+            with open(src, "w") as f:
+                f.write("".join(t + "\n" for _, t in lines))
+            proc = subprocess.run([assembler, "-march=armv8.2-a+sve", "-o", obj, src],
+                                  stderr=subprocess.PIPE, universal_newlines=True)
+            if proc.returncode == 0:
+                break
+            bad = {int(n) for n in re.findall(r":(\d+): Error", proc.stderr)}
+            if not bad:
+                return result
+            lines = [l for n, l in enumerate(lines, 1) if n not in bad]
+        else:
+            return result
+        out = subprocess.run([objdump, "-d", "-z", obj], check=True,
+                             stdout=subprocess.PIPE, universal_newlines=True).stdout
+    words = [int(m.group(1), 16) for m in re.finditer(r"^\s*[0-9a-f]+:\t([0-9a-f]{8}) ", out, re.M)]
+    if len(words) != len(lines):
+        raise SystemExit("assembler output out of step")
+    for (i, _), w in zip(lines, words):
+        result[i] = w
     return result
 
 
@@ -831,6 +863,9 @@ def main():
         plan.append((row, len(words), len(candidates)))
         words.extend(candidates)
     texts = disassemble(words, assembler, objdump)
+    # Keep the words that the assembler itself writes for their text.
+    round_trip = reassemble(texts, assembler, objdump)
+    texts = [t if r == w else None for w, t, r in zip(words, texts, round_trip)]
 
     accepted = sorted({w for w, t in zip(words, texts) if t})
     if args.quern:
