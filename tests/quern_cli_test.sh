@@ -2,8 +2,10 @@
 # The quern command as a user meets it: answers, and errors on bad input.
 quern=$1
 fails=0
+total=0
 check() {   # check NAME EXPECTED_STATUS PATTERN -- ARGS...
   local name=$1 want=$2 pattern=$3; shift 4
+  total=$((total + 1))
   local out status
   out=$("$quern" "$@" 2>&1); status=$?
   if [ "$status" -ne "$want" ] || ! grep -Eq -- "$pattern" <<<"$out"; then
@@ -28,5 +30,10 @@ check word-too-long      2 'not a hexadecimal instruction word: 123456789' -- de
 check bad-among-good     2 'not a hexadecimal instruction word: x' -- decode 04a20020 x
 check coverage-extra     2 'usage'                           -- decode --coverage 1234
 check unknown-option     2 'unknown option: --frob'          -- decode --frob
-echo "$((16 - fails)) passed, $fails failed"
+check run-no-program     2 'quern run: no program given after --' -- run
+check run-no-program2    2 'no program given after --'       -- run --log-level 1 --
+check run-bad-level      2 '--log-level takes a number'      -- run --log-level x -- /bin/true
+check run-missing-value  2 '--trace takes a file name'       -- run --trace -- /bin/true
+check run-not-found      127 'quern: no-such-program-here: No such file or directory' -- run -- no-such-program-here
+echo "$((total - fails)) passed, $fails failed"
 [ "$fails" -eq 0 ]
