@@ -220,6 +220,12 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
   ucontext_t* uc = static_cast<ucontext_t*>(ucv);
   const uint64_t pc = uc->uc_mcontext.pc;
 
+  if (info->si_code <= 0) {
+    // Sent by kill or raise, not raised by an instruction: the program's.
+    deliver_sigill(sig, info, ucv);
+    errno = saved_errno;
+    return;
+  }
   if (*reinterpret_cast<const uint32_t*>(pc) == kNoBlockTrap && code_is_ours(pc)) {
     // Rewritten code reached by a thread that has no block yet.
     uc->uc_mcontext.regs[28] = reinterpret_cast<uint64_t>(self_block());

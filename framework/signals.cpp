@@ -79,7 +79,10 @@ void deliver_sigill(int sig, siginfo_t* info, void* uc) {
     struct sigaction dfl;
     std::memset(&dfl, 0, sizeof dfl);
     dfl.sa_handler = SIG_DFL;
-    rt.real_sigaction(SIGILL, &dfl, nullptr);   // the instruction runs again and ends the process
+    rt.real_sigaction(SIGILL, &dfl, nullptr);
+    // A faulting instruction runs again and ends the process; a sent signal
+    // is sent again, and ends it once this handler returns.
+    if (info && info->si_code <= 0) raise(SIGILL);
     return;
   }
   if (app.sa_flags & SA_RESETHAND) {

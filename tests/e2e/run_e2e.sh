@@ -16,7 +16,7 @@
 cases=(
   regs regs-fallback zupper
   flow flow-fallback
-  sigill-default sigill-handler sigill-mask sigill-longjmp sigill-restore sigill-ignore sigill-resethand
+  sigill-default sigill-handler sigill-mask sigill-longjmp sigill-restore sigill-ignore sigill-resethand sigill-raise sigill-raise-handler
   threads threads-fallback threads-race threads-race-fallback
   fault-segv fault-bus fault-emulated
   options-unknown options-none
@@ -248,6 +248,8 @@ case_sigill-longjmp() { sigill_case longjmp 0; }
 case_sigill-restore() { sigill_case restore 132; }
 case_sigill-ignore() { sigill_case ignore 132; }
 case_sigill-resethand() { sigill_case resethand 132; }
+case_sigill-raise() { sigill_case raise 132; }
+case_sigill-raise-handler() { sigill_case raise-handler 0; }
 
 # Per-thread results as on the reference, and in the trace exactly the
 # markers of the threads that execute them: 1 + 1 + 2 + 3 pairs.

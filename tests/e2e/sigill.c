@@ -78,6 +78,12 @@ static void install(void (*handler)(int, siginfo_t*, void*), int flags, int mask
   if (sigaction(SIGILL, &sa, NULL) != 0) perror("sigaction");
 }
 
+static volatile sig_atomic_t raised;
+static void count_handler(int sig) {
+  (void)sig;
+  ++raised;
+}
+
 int main(int argc, char** argv) {
   const char* mode = argc > 1 ? argv[1] : "default";
   emulated_add("before");
@@ -93,6 +99,26 @@ int main(int argc, char** argv) {
     exec_reserved1();
     printf("survived a reserved word\n");
     return 1;
+  }
+  if (!strcmp(mode, "raise")) {
+    // A SIGILL that no instruction raised: the default action ends the process.
+    printf("raising SIGILL\n");
+    fflush(stdout);
+    raise(SIGILL);
+    printf("survived a raised SIGILL\n");
+    return 1;
+  }
+  if (!strcmp(mode, "raise-handler")) {
+    static volatile sig_atomic_t seen;
+    struct sigaction sa;
+    memset(&sa, 0, sizeof sa);
+    sa.sa_handler = count_handler;
+    sigaction(SIGILL, &sa, NULL);
+    raise(SIGILL);
+    emulated_add("after");
+    seen = raised;
+    printf("raised signals seen: %d\n", (int)seen);
+    return seen == 1 ? 0 : 1;
   }
   if (!strcmp(mode, "handler")) {
     install(skip_handler, 0, 0);
