@@ -83,6 +83,9 @@ void block_destroy(quern_thread* t) {
   munmap(t, t->mapping_size);
 }
 
+// Announces a thread's exit to the client when the thread ends.
+pthread_key_t exit_key;
+
 // ---- code buffers within branch range ------------------------------------------------------
 
 struct code_pool {
@@ -228,7 +231,10 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
   }
   if (*reinterpret_cast<const uint32_t*>(pc) == kNoBlockTrap && code_is_ours(pc)) {
     // Rewritten code reached by a thread that has no block yet.
-    uc->uc_mcontext.regs[28] = reinterpret_cast<uint64_t>(self_block());
+    quern_thread* t = self_block();
+    pthread_setspecific(exit_key, t);   // so that its exit is announced too
+    dr_log(t, DR_LOG_ALL, 2, "quern: thread %d given its block in rewritten code\n", t->tid);
+    uc->uc_mcontext.regs[28] = reinterpret_cast<uint64_t>(t);
     uc->uc_mcontext.pc = pc + 4;
     errno = saved_errno;
     return;
@@ -267,8 +273,6 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
 }
 
 // ---- threads -----------------------------------------------------------------------------------
-
-pthread_key_t exit_key;
 
 void thread_exit_destructor(void* block) { block_destroy(static_cast<quern_thread*>(block)); }
 

@@ -17,7 +17,7 @@ cases=(
   regs regs-fallback zupper
   flow flow-fallback
   sigill-default sigill-handler sigill-mask sigill-longjmp sigill-restore sigill-ignore sigill-resethand sigill-raise sigill-raise-handler
-  threads threads-fallback threads-race threads-race-fallback
+  threads threads-fallback threads-race threads-race-fallback threads-unwrapped
   fault-segv fault-bus fault-emulated
   options-unknown options-none
   markers markers-repeat markers-fallback markers-default-file
@@ -394,6 +394,14 @@ case_markers-default-file() {
 }
 
 case_acle() { need acle && all_implemented "$p" && same_as_reference 0 -- "$p"; }
+case_threads-unwrapped() {
+  need unwrapped && all_implemented "$p" && same_as_reference 0 --log-level 2 -- "$p" || return 1
+  # The thread must have come through the way in of rewritten code.
+  if ! grep -q 'given its block in rewritten code' "$log"; then
+    fail_reason="the unannounced thread never reached rewritten code without a block"
+    return 1
+  fi
+}
 
 signals_case() {
   local mode=$1; shift
