@@ -192,13 +192,18 @@ bool run_fallback(const instrlist_t* il, ucontext_t* uc, quern_thread* t) {
 
 // Rewritten code for `il` near `pc`, and the branch to it. False when no code
 // buffer in range can be had or the code page cannot be made writable.
-bool place_code(const instrlist_t* il, uint64_t pc) {
-  constexpr size_t kMaxWords = 1024;
-  uint32_t* code = code_alloc(pc, kMaxWords);
-  if (!code) return false;
-  encode_env env{reinterpret_cast<uint64_t>(code), pc + 4, rt.tls_offset, rt.fpcr_field};
-  const size_t n = encode_sequence(il, env, code, kMaxWords);
+bool place_code(const instrlist_t* il, uint64_t pc, quern_thread* t) {
+  // Encoded once in the arena to learn its length (only the final branch
+  // depends on where the code goes), then for real in exactly that room.
+  constexpr size_t kMaxWords = 4096;
+  uint32_t* draft = static_cast<uint32_t*>(arena_alloc(&t->arena, kMaxWords * 4));
+  const size_t n = encode_sequence(il, encode_env{pc, pc + 4, rt.tls_offset, rt.fpcr_field}, draft, kMaxWords);
   if (n == 0) return false;
+  uint32_t* code = code_alloc(pc, n);
+  if (!code) return false;
+  if (encode_sequence(il, encode_env{reinterpret_cast<uint64_t>(code), pc + 4, rt.tls_offset, rt.fpcr_field}, code,
+                      n) != n)
+    return false;
   __builtin___clear_cache(reinterpret_cast<char*>(code), reinterpret_cast<char*>(code + n));
   dr_log(nullptr, DR_LOG_ALL, 2, "quern: rewrote %p with %zu instructions at %p\n", reinterpret_cast<void*>(pc), n,
          static_cast<void*>(code));
@@ -257,7 +262,7 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
   if (il->first == app && il->last == app) {
     pass_lock.clear(std::memory_order_release);
     deliver_sigill(sig, info, ucv);
-  } else if (!rt.force_fallback && place_code(il, pc)) {
+  } else if (!rt.force_fallback && place_code(il, pc, t)) {
     pass_lock.clear(std::memory_order_release);
   } else {
     pass_lock.clear(std::memory_order_release);
