@@ -330,6 +330,11 @@ __attribute__((constructor)) void framework_start() {
   if (!version || !client_main) die("not a client library", client);
 
   pthread_key_create(&exit_key, thread_exit_destructor);
+  // A fork while another thread held a lock must not leave the child stuck.
+  pthread_atfork(nullptr, nullptr, [] {
+    pass_lock.clear();
+    patch_lock.clear();
+  });
   rt.client_argv[0] = client;
   client_main(0, rt.client_argc, rt.client_argv);
 
