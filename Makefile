@@ -7,7 +7,7 @@
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: demo test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle clean
+.PHONY: demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle clean
 
 setup:
 	@tools/setup.sh
@@ -41,7 +41,12 @@ test-aarch64: aarch64
 
 test: test-native test-asan test-aarch64
 
-demo: native aarch64
+# The demo needs only the tool and the AArch64 libraries and program.
+demo-build: build/native/Makefile build/aarch64/Makefile
+	cmake --build build/native -j $(JOBS) --target quern
+	cmake --build build/aarch64 -j $(JOBS) --target quern_framework quern_sg_sve_384 sve_demo
+
+demo: demo-build
 	@echo "== examples/sve_demo.c under quern run, on a processor without SVE"
 	build/native/tools/quern/quern run --trace build/sve_demo.qtrace -- build/aarch64/examples/sve_demo
 	@echo
