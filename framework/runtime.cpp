@@ -16,7 +16,9 @@
 
 #include <dlfcn.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -134,17 +136,66 @@ uint32_t* code_alloc(uint64_t pc, size_t words) {
   return nullptr;
 }
 
-// Replaces the word at `pc` by `word` with a single aligned store.
+// A hexadecimal number at p, which is left behind it.
+uint64_t parse_hex(const char*& p) {
+  uint64_t v = 0;
+  for (;; ++p) {
+    const char c = static_cast<char>(*p | 0x20);
+    if (*p >= '0' && *p <= '9') v = v * 16 + static_cast<uint64_t>(*p - '0');
+    else if (c >= 'a' && c <= 'f') v = v * 16 + static_cast<uint64_t>(c - 'a' + 10);
+    else return v;
+  }
+}
+
+// The protection of the mapping that holds `addr`, from /proc/self/maps, read
+// with plain system calls (no stdio, no malloc). R-X if it cannot be told.
+int page_protection(uint64_t addr) {
+  const int fd = open("/proc/self/maps", O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return PROT_READ | PROT_EXEC;
+  char buf[4096];
+  size_t have = 0;
+  int prot = PROT_READ | PROT_EXEC;
+  for (;;) {
+    const ssize_t n = read(fd, buf + have, sizeof buf - have);
+    if (n <= 0) break;
+    have += static_cast<size_t>(n);
+    size_t start = 0;
+    for (size_t i = 0; i < have; ++i) {
+      if (buf[i] != '\n') continue;
+      // "lo-hi rwxp ..."
+      const char* p = buf + start;
+      const uint64_t lo = parse_hex(p);
+      ++p;   // '-'
+      const uint64_t hi = parse_hex(p);
+      ++p;   // ' '
+      if (addr >= lo && addr < hi) {
+        prot = (p[0] == 'r' ? PROT_READ : 0) | (p[1] == 'w' ? PROT_WRITE : 0) | (p[2] == 'x' ? PROT_EXEC : 0);
+        close(fd);
+        return prot;
+      }
+      start = i + 1;
+    }
+    std::memmove(buf, buf + start, have - start);
+    have -= start;
+    if (have == sizeof buf) have = 0;   // a line longer than the buffer: skip it
+  }
+  close(fd);
+  return prot;
+}
+
+// Replaces the word at `pc` by `word` with a single aligned store, and gives
+// the page back the protection it had (a JIT's writable code stays writable).
 std::atomic_flag patch_lock = ATOMIC_FLAG_INIT;
 bool patch_word(uint64_t pc, uint32_t word) {
   const uint64_t page = pc & ~uint64_t(getpagesize() - 1);
-  while (patch_lock.test_and_set(std::memory_order_acquire)) {
-  }
-  bool ok = mprotect(reinterpret_cast<void*>(page), getpagesize(), PROT_READ | PROT_WRITE | PROT_EXEC) == 0;
+  while (patch_lock.test_and_set(std::memory_order_acquire)) sched_yield();
+  const int prot = page_protection(pc);
+  bool ok = (prot & PROT_WRITE) ||
+            mprotect(reinterpret_cast<void*>(page), getpagesize(), PROT_READ | PROT_WRITE | PROT_EXEC) == 0;
   if (ok) {
     __atomic_store_n(reinterpret_cast<uint32_t*>(pc), word, __ATOMIC_RELEASE);
     __builtin___clear_cache(reinterpret_cast<char*>(pc), reinterpret_cast<char*>(pc + 4));
-    mprotect(reinterpret_cast<void*>(page), getpagesize(), PROT_READ | PROT_EXEC);
+    if (!(prot & PROT_WRITE)) mprotect(reinterpret_cast<void*>(page), getpagesize(), prot);
   }
   patch_lock.clear(std::memory_order_release);
   return ok;
@@ -246,8 +297,7 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
   }
 
   quern_thread* t = self_block();
-  while (pass_lock.test_and_set(std::memory_order_acquire)) {
-  }
+  while (pass_lock.test_and_set(std::memory_order_acquire)) sched_yield();
   if (is_branch_to_our_code(pc, *reinterpret_cast<const volatile uint32_t*>(pc))) {
     pass_lock.clear(std::memory_order_release);   // rewritten meanwhile: run the branch
     errno = saved_errno;

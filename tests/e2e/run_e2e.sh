@@ -21,7 +21,7 @@ cases=(
   fault-segv fault-bus fault-emulated
   options-unknown options-none
   markers markers-repeat markers-fallback markers-default-file
-  acle
+  acle jit jit-fallback
   signals-blocked signals-blocked-fallback signals-handler signals-reentry
 )
 
@@ -394,6 +394,8 @@ case_markers-default-file() {
 }
 
 case_acle() { need acle && all_implemented "$p" && same_as_reference 0 -- "$p"; }
+case_jit() { need jit && all_implemented "$p" && same_as_reference 0 -- "$p"; }
+case_jit-fallback() { need jit && all_implemented "$p" && same_as_reference 0 --fallback -- "$p"; }
 case_threads-unwrapped() {
   need unwrapped && all_implemented "$p" && same_as_reference 0 --log-level 2 -- "$p" || return 1
   # The thread must have come through the way in of rewritten code.
