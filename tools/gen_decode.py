@@ -21,6 +21,7 @@ SVE_GROUP_MASK = 0x1E000000
 SVE_GROUP_VALUE = 0x04000000
 
 Z_SIZES = {'b': 0, 'h': 1, 's': 2, 'd': 3, 'q': 4}
+P_SIZES = {'b': 0, 'h': 1, 's': 2, 'd': 3}
 R_SIZES = {'b': 0, 'h': 1, 'w': 2, 'x': 3}
 GOV = {'m': 4, 'z': 5, 'g': 6}
 ELEM_BYTES = {'b': 1, 'h': 2, 's': 4, 'd': 8}
@@ -75,27 +76,26 @@ def field_expr(f):
 
 F = r'(\d+(?::\d+)?(?:,\d+(?::\d+)?)*)'
 
+# Register tokens of the fast road: letter -> (C++ type, constructor stem, size letters).
+REGISTER_TOKENS = {
+    'Z': ('aarch64_z_reg', 'zreg', Z_SIZES),
+    'P': ('aarch64_p_reg', 'preg', P_SIZES),
+    'R': ('aarch64_i_reg', 'ireg', R_SIZES),
+}
+
+
 def fast_token(tok):
-    """Translate a fast-road token into (C++ parameter type, argument expression, mask)."""
-    m = re.fullmatch(r'Z(rw)?' + F + r'\.([bhsdq])', tok)
-    if m:
-        f = parse_field(m.group(2))
-        ctor = 'zreg_rw' if m.group(1) else 'zreg'
-        return 'aarch64_z_reg', f'{ctor}({field_expr(f)}, {Z_SIZES[m.group(3)]})', field_mask(f), field_expr(f)
-    m = re.fullmatch(r'P(rw)?' + F + r'\.([bhsd])', tok)
-    if m:
-        f = parse_field(m.group(2))
-        ctor = 'preg_rw' if m.group(1) else 'preg'
-        return 'aarch64_p_reg', f'{ctor}({field_expr(f)}, {Z_SIZES[m.group(3)]})', field_mask(f), field_expr(f)
+    """Translate a fast-road token into (C++ parameter type, argument expression, mask, described value)."""
+    m = re.fullmatch(r'([ZPR])(rw)?' + F + r'\.([a-z])', tok)
+    if m and m.group(4) in REGISTER_TOKENS[m.group(1)][2]:
+        ctype, stem, sizes = REGISTER_TOKENS[m.group(1)]
+        f = parse_field(m.group(3))
+        ctor = stem + ('_rw' if m.group(2) else '')
+        return ctype, f'{ctor}({field_expr(f)}, {sizes[m.group(4)]})', field_mask(f), field_expr(f)
     m = re.fullmatch(r'P' + F + r'/([mzg])', tok)
     if m:
         f = parse_field(m.group(1))
         return 'aarch64_p_reg', f'preg({field_expr(f)}, {GOV[m.group(2)]})', field_mask(f), field_expr(f)
-    m = re.fullmatch(r'R(rw)?' + F + r'\.([bhwx])', tok)
-    if m:
-        f = parse_field(m.group(2))
-        ctor = 'ireg_rw' if m.group(1) else 'ireg'
-        return 'aarch64_i_reg', f'{ctor}({field_expr(f)}, {R_SIZES[m.group(3)]})', field_mask(f), field_expr(f)
     m = re.fullmatch(r'S' + F, tok)
     if m:
         f = parse_field(m.group(1))
