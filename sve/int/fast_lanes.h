@@ -31,14 +31,15 @@ inline bool active(const unsigned char* pred, unsigned i) {
 }
 
 // Dispatch on an element-size code: 2, 3 and 1 select words, doublewords and
-// halfwords; any other code means bytes.
-template <template <typename> class Op, typename... A>
-inline aarch64_decode_rc by_size(int32_t size, A&&... a) {
+// halfwords; any other code means bytes. `f` is called with a value of the
+// lane type: fast::by_size(size, [&](auto lane) { using T = decltype(lane); ... }).
+template <typename F>
+inline aarch64_decode_rc by_size(int32_t size, F&& f) {
   switch (size) {
-    case 1: return Op<uint16_t>::run(a...);
-    case 2: return Op<uint32_t>::run(a...);
-    case 3: return Op<uint64_t>::run(a...);
-    default: return Op<uint8_t>::run(a...);
+    case 1: return f(uint16_t{});
+    case 2: return f(uint32_t{});
+    case 3: return f(uint64_t{});
+    default: return f(uint8_t{});
   }
 }
 

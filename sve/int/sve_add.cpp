@@ -22,51 +22,21 @@ struct sub_op {
   template <typename T> T operator()(T a, T b) const { return static_cast<T>(a - b); }
 };
 
-template <typename Op>
-struct zpz {
-  template <typename T>
-  struct at {
-    static aarch64_decode_rc run(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) {
-      return fast::binary_zpz<T>(cs, zdn, pg, zm, Op{});
-    }
-  };
-};
-
-template <typename Op>
-struct zzz {
-  template <typename T>
-  struct at {
-    static aarch64_decode_rc run(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, aarch64_z_reg zm) {
-      return fast::binary_zzz<T>(cs, zd, zn, zm, Op{});
-    }
-  };
-};
-
-template <typename Op>
-struct zi {
-  template <typename T>
-  struct at {
-    static aarch64_decode_rc run(cpu_state* cs, aarch64_z_reg zdn, unsigned int imm) {
-      return fast::binary_zi<T>(cs, zdn, imm, Op{});
-    }
-  };
-};
-
 }  // namespace
 
 extern "C" {
 
 aarch64_decode_rc sve_add_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) {
-  return fast::by_size<zpz<add_op>::at>(zdn.in_size, cs, zdn, pg, zm);
+  return fast::by_size(zdn.in_size, [&](auto lane) { return fast::binary_zpz<decltype(lane)>(cs, zdn, pg, zm, add_op{}); });
 }
 aarch64_decode_rc sve_sub_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) {
-  return fast::by_size<zpz<sub_op>::at>(zdn.in_size, cs, zdn, pg, zm);
+  return fast::by_size(zdn.in_size, [&](auto lane) { return fast::binary_zpz<decltype(lane)>(cs, zdn, pg, zm, sub_op{}); });
 }
 aarch64_decode_rc sve_add_zzz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, aarch64_z_reg zm) {
-  return fast::by_size<zzz<add_op>::at>(zd.size, cs, zd, zn, zm);
+  return fast::by_size(zd.size, [&](auto lane) { return fast::binary_zzz<decltype(lane)>(cs, zd, zn, zm, add_op{}); });
 }
 aarch64_decode_rc sve_sub_zzz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, aarch64_z_reg zm) {
-  return fast::by_size<zzz<sub_op>::at>(zd.size, cs, zd, zn, zm);
+  return fast::by_size(zd.size, [&](auto lane) { return fast::binary_zzz<decltype(lane)>(cs, zd, zn, zm, sub_op{}); });
 }
 // With byte elements and the shift bit set the immediate is a multiple of 256:
 // its low byte is 0 and the register stays as it is. Two of those words, which
@@ -76,10 +46,10 @@ aarch64_decode_rc sve_add_zi(cpu_state* cs, aarch64_z_reg zdn, unsigned int imm)
   const bool bytes = zdn.in_size != 1 && zdn.in_size != 2 && zdn.in_size != 3;
   if (bytes && imm == 256) trace_region_start();
   else if (bytes && imm == 512) trace_region_stop();
-  return fast::by_size<zi<add_op>::at>(zdn.in_size, cs, zdn, imm);
+  return fast::by_size(zdn.in_size, [&](auto lane) { return fast::binary_zi<decltype(lane)>(cs, zdn, imm, add_op{}); });
 }
 aarch64_decode_rc sve_sub_zi(cpu_state* cs, aarch64_z_reg zdn, unsigned int imm) {
-  return fast::by_size<zi<sub_op>::at>(zdn.in_size, cs, zdn, imm);
+  return fast::by_size(zdn.in_size, [&](auto lane) { return fast::binary_zi<decltype(lane)>(cs, zdn, imm, sub_op{}); });
 }
 
 // Generic routines: Vec<type><Add|Sub><VVM|VVX|VIX>.
