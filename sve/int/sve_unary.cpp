@@ -1,0 +1,143 @@
+// Integer unary, minimum and maximum operations: SUBR, NEG, ABS, NOT, CNOT,
+// SABD, UABD, SMAX, UMAX, SMIN, UMIN (vectors and immediate), the sign and zero
+// extensions, CLS, CLZ, CNT, RBIT.
+//
+// The fast handlers compute their lanes directly; the generic routines lift
+// each lane to the wide integer of the helpers so that no intermediate
+// overflows.
+
+#include <type_traits>
+
+#include "decode_decls.h"
+#include "sve/int/int_lanes.h"
+#include "sve/lib/int_helpers.h"
+
+namespace {
+
+struct neg_op {
+  template <typename T> T operator()(T b) const { return static_cast<T>(T{0} - b); }
+};
+template <bool Signed>
+struct max_op {
+  template <typename T> T operator()(T a, T b) const {
+    using C = std::conditional_t<Signed, std::make_signed_t<T>, T>;
+    return static_cast<C>(a) > static_cast<C>(b) ? a : b;
+  }
+};
+template <bool Signed>
+struct min_op {
+  template <typename T> T operator()(T a, T b) const {
+    using C = std::conditional_t<Signed, std::make_signed_t<T>, T>;
+    return static_cast<C>(a) < static_cast<C>(b) ? a : b;
+  }
+};
+// Low part of type From, sign- or zero-extended (by From's signedness) to the lane.
+template <typename From>
+struct extend_op {
+  template <typename T> T operator()(T b) const { return static_cast<T>(static_cast<From>(b)); }
+};
+
+inline uint64_t reverse64(uint64_t x) {
+  x = ((x >> 1) & 0x5555555555555555ull) | ((x & 0x5555555555555555ull) << 1);
+  x = ((x >> 2) & 0x3333333333333333ull) | ((x & 0x3333333333333333ull) << 2);
+  x = ((x >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((x & 0x0F0F0F0F0F0F0F0Full) << 4);
+  return __builtin_bswap64(x);
+}
+struct rbit_op {
+  template <typename T> T operator()(T b) const { return static_cast<T>(reverse64(b) >> (64 - lane_bits<T>)); }
+};
+
+}  // namespace
+
+extern "C" {
+
+// ---- fast road ---------------------------------------------------------------
+
+aarch64_decode_rc sve_neg_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn) {
+  return fast::by_size(zd.size, [&](auto lane) { return fast::unary_zpz<decltype(lane)>(cs, zd, pg, zn, neg_op{}); });
+}
+aarch64_decode_rc sve_rbit_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn) {
+  return fast::by_size(zd.size, [&](auto lane) { return fast::unary_zpz<decltype(lane)>(cs, zd, pg, zn, rbit_op{}); });
+}
+
+// The element size of the destructive min/max comes from Zm.
+#define QUERN_MINMAX_FAST(NAME, OP)                                                                  \
+  aarch64_decode_rc NAME(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) {     \
+    return fast::by_size(zm.size, [&](auto lane) { return fast::binary_zpz<decltype(lane)>(cs, zdn, pg, zm, OP{}); }); \
+  }
+QUERN_MINMAX_FAST(sve_smax_zpz, max_op<true>)
+QUERN_MINMAX_FAST(sve_umax_zpz, max_op<false>)
+QUERN_MINMAX_FAST(sve_smin_zpz, min_op<true>)
+QUERN_MINMAX_FAST(sve_umin_zpz, min_op<false>)
+#undef QUERN_MINMAX_FAST
+
+#define QUERN_EXTEND_FAST(NAME, FROM)                                                                \
+  aarch64_decode_rc NAME(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn) {      \
+    return fast::by_size(zd.size, [&](auto lane) {                                                   \
+      return fast::unary_zpz<decltype(lane)>(cs, zd, pg, zn, extend_op<FROM>{});                     \
+    });                                                                                              \
+  }
+QUERN_EXTEND_FAST(sve_sxtb_zpz, int8_t)
+QUERN_EXTEND_FAST(sve_sxth_zpz, int16_t)
+QUERN_EXTEND_FAST(sve_sxtw_zpz, int32_t)
+QUERN_EXTEND_FAST(sve_uxth_zpz, uint16_t)
+QUERN_EXTEND_FAST(sve_uxtw_zpz, uint32_t)
+#undef QUERN_EXTEND_FAST
+
+// ---- generic road --------------------------------------------------------------
+
+// Unary merging routines: Vec<TY><OP>VM(old destination, PredV, source, CpuContext*).
+#define QUERN_UNARY_VM(TY, T, U, OP, EXPR)                                                           \
+  VecV Vec##TY##OP##VM(VecV d, PredV p, VecV s, CpuContext* c) {                                     \
+    return generic::unary_vm<T>(d, p, s, c, [](T b) {                                                \
+      constexpr int w = lane_bits<T>;                                                                \
+      (void)w;                                                                                       \
+      return static_cast<T>(EXPR);                                                                   \
+    });                                                                                              \
+  }
+
+#define QUERN_UNARY_ANY(TY, T, U)                                                                    \
+  QUERN_UNARY_VM(TY, T, U, Inv, ~b)                                                                  \
+  QUERN_UNARY_VM(TY, T, U, Not, b == 0 ? 1 : 0)                                                      \
+  QUERN_UNARY_VM(TY, T, U, Cls, CountLeadingSignBits(b, w))                                          \
+  QUERN_UNARY_VM(TY, T, U, Clz, CountLeadingZeroBits(b, w))                                          \
+  QUERN_UNARY_VM(TY, T, U, Cnt, BitCount(b, w))                                                      \
+  VecV Vec##TY##SubRVVM(VecV a, PredV p, VecV b, CpuContext* c) {                                    \
+    return generic::binary_vvm<T>(a, p, b, c, [](T x, T y) { return static_cast<T>(y - x); });       \
+  }                                                                                                  \
+  /* The immediate is cut to the lane: at bytes the shifted form gives 0 - a. */                     \
+  VecV Vec##TY##SubRVIX(VecV a, uint64_t imm, CpuContext* c) {                                       \
+    return generic::binary_vix<T>(a, imm, c, [](T x, T y) { return static_cast<T>(y - x); });       \
+  }
+QUERN_INT_TYPES_U(QUERN_UNARY_ANY)
+#undef QUERN_UNARY_ANY
+
+// The most negative value has no positive counterpart and stays as it is.
+#define QUERN_ABS(TY, T, U) QUERN_UNARY_VM(TY, T, U, Abs, bits(AbsInt(Int(b, w, U))))
+QUERN_INT_TYPES_S(QUERN_ABS)
+#undef QUERN_ABS
+
+#define QUERN_SIGNED_PAIR(TY, T, U)                                                                  \
+  VecV Vec##TY##AbdVVM(VecV a, PredV p, VecV b, CpuContext* c) {                                     \
+    return generic::binary_vvm<T>(a, p, b, c, [](T x, T y) {                                         \
+      return static_cast<T>(bits(AbsInt(Int(x, lane_bits<T>, U) - Int(y, lane_bits<T>, U))));       \
+    });                                                                                              \
+  }                                                                                                  \
+  VecV Vec##TY##MaxVIX(VecV a, std::conditional_t<U == 1, uint64_t, int64_t> imm, CpuContext* c) {  \
+    return generic::binary_vix<T>(a, static_cast<uint64_t>(imm), c,                                 \
+                                  [](T x, T y) { return static_cast<T>(Max(x, y, lane_bits<T>, U)); }); \
+  }                                                                                                  \
+  VecV Vec##TY##MinVIX(VecV a, std::conditional_t<U == 1, uint64_t, int64_t> imm, CpuContext* c) {  \
+    return generic::binary_vix<T>(a, static_cast<uint64_t>(imm), c,                                 \
+                                  [](T x, T y) { return static_cast<T>(Min(x, y, lane_bits<T>, U)); }); \
+  }
+QUERN_INT_TYPES_US(QUERN_SIGNED_PAIR)
+#undef QUERN_SIGNED_PAIR
+
+// UXTB: the low byte, zero-extended.
+QUERN_UNARY_VM(U16, uint16_t, 1, Extnd12, static_cast<uint8_t>(b))
+QUERN_UNARY_VM(U32, uint32_t, 1, Extnd14, static_cast<uint8_t>(b))
+QUERN_UNARY_VM(U64, uint64_t, 1, Extnd18, static_cast<uint8_t>(b))
+#undef QUERN_UNARY_VM
+
+}  // extern "C"
