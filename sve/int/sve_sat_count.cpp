@@ -1,0 +1,207 @@
+// Saturating arithmetic (SQADD, UQADD, SQSUB, UQSUB) and the element counts:
+// CNT, INC and DEC of every element size with a pattern and a multiplier, their
+// saturating scalar and vector forms, and INCP, DECP with theirs.
+//
+// The fast handlers take the multiplier already incremented and the count from
+// the pattern table of sat_count.h; the generic routines take the raw imm4 and
+// ask VecTrueILength with the lane count of their context.
+
+#include "decode_decls.h"
+#include "sve/int/int_lanes.h"
+#include "sve/int/sat_count.h"
+#include "sve/lib/int_helpers.h"
+
+namespace {
+
+// X[d] +/- multiplier * count; register 31 is not written.
+template <int Size, bool Dec>
+aarch64_decode_rc step_x(cpu_state* cs, aarch64_i_reg xdn, unsigned pattern, unsigned mul) {
+  const uint64_t delta = uint64_t{mul} * fast::pattern_count(Size, pattern);
+  const uint64_t x = read_x(cs, xdn);
+  write_x(cs, xdn, Dec ? x - delta : x + delta);
+  return AARCH64_DECODE_OK;
+}
+
+// Every lane +/- multiplier * count, at lane width.
+template <typename T, bool Dec>
+aarch64_decode_rc step_z(cpu_state* cs, aarch64_z_reg zdn, unsigned pattern, unsigned mul) {
+  constexpr int size = sizeof(T) == 2 ? 1 : sizeof(T) == 4 ? 2 : 3;
+  const T delta = static_cast<T>(uint64_t{mul} * fast::pattern_count(size, pattern));
+  unsigned char* z = cs->z[zdn.number];
+  for (unsigned i = 0; i < fast::lanes<T>; ++i) {
+    const T v = fast::lane<T>(z, i);
+    fast::set_lane<T>(z, i, static_cast<T>(Dec ? v - delta : v + delta));
+  }
+  return AARCH64_DECODE_OK;
+}
+
+// The count that a pattern and a raw imm4 give at lane type T.
+template <typename T>
+uint64_t vl_count(uint64_t pattern, uint64_t imm4, const CpuContext* c) {
+  const uint64_t count = static_cast<uint64_t>(VecTrueILength(static_cast<int>(pattern & 31), generic::lane_count<T>(c)));
+  return count + imm4 * count;
+}
+
+// A 32-bit saturated scalar comes back sign-extended when signed and
+// zero-extended when unsigned, also where SatQ gave a bare N-bit pattern.
+inline uint64_t extend32(u128 r, int is_unsigned) {
+  const uint32_t v = static_cast<uint32_t>(SatValue(r));
+  return is_unsigned == 1 ? v : static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(v)));
+}
+
+template <bool Dec>
+inline u128 sat_step(uint64_t value, uint64_t count, int n, int is_unsigned) {
+  return Dec ? SatSub(value, count, n, is_unsigned) : SatAdd(value, count, n, is_unsigned);
+}
+
+// The lane plus or minus c, exactly, then clamped.
+template <typename T, bool Dec>
+T sat_lane(T a, uint64_t c, int is_unsigned) {
+  const s128 x = Int(a, lane_bits<T>, is_unsigned);
+  const s128 y = static_cast<s128>(c);
+  return static_cast<T>(SatValue(SatQ(Dec ? x - y : x + y, lane_bits<T>, is_unsigned)));
+}
+
+}  // namespace
+
+extern "C" {
+
+// ---- fast road ---------------------------------------------------------------
+
+#define QUERN_STEP_X(L, SIZE)                                                                        \
+  aarch64_decode_rc sve_inc##L##_rii(cpu_state* cs, aarch64_i_reg r, unsigned int pat, unsigned int mul) { \
+    return step_x<SIZE, false>(cs, r, pat, mul);                                                     \
+  }                                                                                                  \
+  aarch64_decode_rc sve_dec##L##_rii(cpu_state* cs, aarch64_i_reg r, unsigned int pat, unsigned int mul) { \
+    return step_x<SIZE, true>(cs, r, pat, mul);                                                      \
+  }
+QUERN_STEP_X(b, 0)
+QUERN_STEP_X(h, 1)
+QUERN_STEP_X(w, 2)
+QUERN_STEP_X(d, 3)
+#undef QUERN_STEP_X
+
+#define QUERN_STEP_Z(L, T)                                                                           \
+  aarch64_decode_rc sve_inc##L##_zii(cpu_state* cs, aarch64_z_reg z, unsigned int pat, unsigned int mul) { \
+    return step_z<T, false>(cs, z, pat, mul);                                                        \
+  }                                                                                                  \
+  aarch64_decode_rc sve_dec##L##_zii(cpu_state* cs, aarch64_z_reg z, unsigned int pat, unsigned int mul) { \
+    return step_z<T, true>(cs, z, pat, mul);                                                         \
+  }
+QUERN_STEP_Z(h, uint16_t)
+QUERN_STEP_Z(w, uint32_t)
+QUERN_STEP_Z(d, uint64_t)
+#undef QUERN_STEP_Z
+
+// UQDECB on a 32-bit (width code 2) or 64-bit register: clamps at zero.
+aarch64_decode_rc sve_uqdecb_rii(cpu_state* cs, aarch64_i_reg rdn, unsigned int pattern, unsigned int mul) {
+  const bool wide = rdn.in_size == kRX;
+  const uint64_t x = read_x(cs, rdn);
+  const uint64_t v = wide ? x : static_cast<uint32_t>(x);
+  const uint64_t dec = uint64_t{mul} * fast::pattern_count(0, pattern);
+  write_x(cs, rdn, v <= dec ? 0 : v - dec);
+  return AARCH64_DECODE_OK;
+}
+
+// INCP Xdn, Pm.<T>: the number of lanes whose leading predicate byte has bit 0.
+aarch64_decode_rc sve_incp_rp(cpu_state* cs, aarch64_i_reg xdn, aarch64_p_reg pm) {
+  const unsigned step = pm.size == kPD ? 8u : pm.size == kPS ? 4u : pm.size == kPH ? 2u : 1u;
+  const unsigned char* p = cs->p[pm.number];
+  uint64_t count = 0;
+  for (unsigned b = 0; b < kVecBytes; b += step) count += p[b] & 1u;
+  write_x(cs, xdn, read_x(cs, xdn) + count);
+  return AARCH64_DECODE_OK;
+}
+
+// ---- generic road --------------------------------------------------------------
+
+#define QUERN_SAT_ALL(TY, T, U)                                                                      \
+  VecV Vec##TY##QAddVVX(VecV a, VecV b, CpuContext* c) {                                             \
+    return generic::binary_vvx<T>(a, b, c, [](T x, T y) { return static_cast<T>(SatValue(SatAdd(x, y, lane_bits<T>, U))); }); \
+  }                                                                                                  \
+  VecV Vec##TY##QSubVVX(VecV a, VecV b, CpuContext* c) {                                             \
+    return generic::binary_vvx<T>(a, b, c, [](T x, T y) { return static_cast<T>(SatValue(SatSub(x, y, lane_bits<T>, U))); }); \
+  }                                                                                                  \
+  /* The immediate is unsigned at the lane's width, also for signed lanes. */                        \
+  VecV Vec##TY##QAddVIX(VecV a, uint64_t imm, CpuContext* c) {                                       \
+    return generic::binary_vix<T>(a, imm, c, [](T x, T y) { return sat_lane<T, false>(x, y, U); });  \
+  }                                                                                                  \
+  VecV Vec##TY##QSubVIX(VecV a, uint64_t imm, CpuContext* c) {                                       \
+    return generic::binary_vix<T>(a, imm, c, [](T x, T y) { return sat_lane<T, true>(x, y, U); });   \
+  }                                                                                                  \
+  uint64_t Vec##TY##QIncrVL4SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {             \
+    return extend32(SatAdd(v, vl_count<T>(pat, imm4, c), 32, U), U);                                 \
+  }                                                                                                  \
+  uint64_t Vec##TY##QIncrVL8SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {             \
+    return SatValue(SatAdd(v, vl_count<T>(pat, imm4, c), 64, U));                                    \
+  }                                                                                                  \
+  uint64_t Vec##TY##QIncrSCount4PS(PredV p, uint64_t v, CpuContext* c) {                             \
+    return extend32(sat_step<false>(v, generic::count_active<T>(p, c), 32, U), U);                   \
+  }                                                                                                  \
+  uint64_t Vec##TY##QIncrSCount8PS(PredV p, uint64_t v, CpuContext* c) {                             \
+    return SatValue(sat_step<false>(v, generic::count_active<T>(p, c), 64, U));                      \
+  }                                                                                                  \
+  uint64_t Vec##TY##QDecrSCount4PS(PredV p, uint64_t v, CpuContext* c) {                             \
+    return extend32(sat_step<true>(v, generic::count_active<T>(p, c), 32, U), U);                    \
+  }                                                                                                  \
+  uint64_t Vec##TY##QDecrSCount8PS(PredV p, uint64_t v, CpuContext* c) {                             \
+    return SatValue(sat_step<true>(v, generic::count_active<T>(p, c), 64, U));                       \
+  }
+QUERN_INT_TYPES_US(QUERN_SAT_ALL)
+#undef QUERN_SAT_ALL
+
+// UQDECB takes the fast road: no U8 routine for it here.
+#define QUERN_QDECR_VL(TY, T, U)                                                                     \
+  uint64_t Vec##TY##QDecrVL4SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {             \
+    return extend32(SatSub(v, vl_count<T>(pat, imm4, c), 32, U), U);                                 \
+  }                                                                                                  \
+  uint64_t Vec##TY##QDecrVL8SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {             \
+    return SatValue(SatSub(v, vl_count<T>(pat, imm4, c), 64, U));                                    \
+  }
+QUERN_QDECR_VL(U16, uint16_t, 1)
+QUERN_QDECR_VL(U32, uint32_t, 1)
+QUERN_QDECR_VL(U64, uint64_t, 1)
+QUERN_INT_TYPES_S(QUERN_QDECR_VL)
+#undef QUERN_QDECR_VL
+
+#define QUERN_COUNT_U(TY, T, U)                                                                      \
+  uint64_t Vec##TY##CountVLSI(uint64_t pat, uint64_t imm4, CpuContext* c) { return vl_count<T>(pat, imm4, c); } \
+  uint64_t Vec##TY##DecrSCountPS(PredV p, uint64_t v, CpuContext* c) { return v - generic::count_active<T>(p, c); }
+QUERN_INT_TYPES_U(QUERN_COUNT_U)
+#undef QUERN_COUNT_U
+
+#define QUERN_COUNT_WIDE(TY, T, U)                                                                   \
+  VecV Vec##TY##QIncrVLVI(VecV a, uint64_t pat, uint64_t imm4, CpuContext* c) {                      \
+    const uint64_t k = vl_count<T>(pat, imm4, c);                                                    \
+    return generic::unary_vx<T>(a, c, [k](T x) { return sat_lane<T, false>(x, k, U); });             \
+  }                                                                                                  \
+  VecV Vec##TY##QDecrVLVI(VecV a, uint64_t pat, uint64_t imm4, CpuContext* c) {                      \
+    const uint64_t k = vl_count<T>(pat, imm4, c);                                                    \
+    return generic::unary_vx<T>(a, c, [k](T x) { return sat_lane<T, true>(x, k, U); });              \
+  }                                                                                                  \
+  VecV Vec##TY##QIncrCountPV(PredV p, VecV a, CpuContext* c) {                                       \
+    const uint64_t k = generic::count_active<T>(p, c);                                               \
+    return generic::unary_vx<T>(a, c, [k](T x) { return static_cast<T>(SatValue(SatAdd(x, k, lane_bits<T>, U))); }); \
+  }                                                                                                  \
+  VecV Vec##TY##QDecrCountPV(PredV p, VecV a, CpuContext* c) {                                       \
+    const uint64_t k = generic::count_active<T>(p, c);                                               \
+    return generic::unary_vx<T>(a, c, [k](T x) { return static_cast<T>(SatValue(SatSub(x, k, lane_bits<T>, U))); }); \
+  }
+QUERN_INT_TYPES_US_WIDE(QUERN_COUNT_WIDE)
+#undef QUERN_COUNT_WIDE
+
+#define QUERN_COUNT_PV(TY, T, U)                                                                     \
+  VecV Vec##TY##IncrCountPV(PredV p, VecV a, CpuContext* c) {                                        \
+    const T k = static_cast<T>(generic::count_active<T>(p, c));                                      \
+    return generic::unary_vx<T>(a, c, [k](T x) { return static_cast<T>(x + k); });                   \
+  }                                                                                                  \
+  VecV Vec##TY##DecrCountPV(PredV p, VecV a, CpuContext* c) {                                        \
+    const T k = static_cast<T>(generic::count_active<T>(p, c));                                      \
+    return generic::unary_vx<T>(a, c, [k](T x) { return static_cast<T>(x - k); });                   \
+  }
+QUERN_COUNT_PV(U16, uint16_t, 1)
+QUERN_COUNT_PV(U32, uint32_t, 1)
+QUERN_COUNT_PV(U64, uint64_t, 1)
+#undef QUERN_COUNT_PV
+
+}  // extern "C"
