@@ -13,39 +13,119 @@
 
 namespace fast {
 
-// Zd = Pg ? op(Zn) : Zd, through a temporary (Zd may be Zn).
+// The merging loops below read whole registers into lane arrays and select
+// with a lane mask instead of a branch, so that the compiler can keep the
+// lanes in vector registers. Bit 0 of the predicate byte at a lane's first
+// byte is bit 0 of the predicate read at the lane's width (little-endian).
+template <typename T>
+struct Lanes {
+  T v[lanes<T>];
+};
+
+template <typename T>
+inline Lanes<T> load(const unsigned char* reg) {
+  Lanes<T> l;
+  std::memcpy(l.v, reg, kVecBytes);
+  return l;
+}
+
+template <typename T>
+inline void store(unsigned char* reg, const Lanes<T>& l) {
+  std::memcpy(reg, l.v, kVecBytes);
+}
+
+template <typename T>
+inline T active_mask(T pred_at_lane) {
+  return static_cast<T>(T{0} - (pred_at_lane & 1u));
+}
+
+// Zd = Pg ? op(Zn) : Zd. Zd may be Zn.
 template <typename T, typename Op>
 inline aarch64_decode_rc unary_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn, Op op) {
-  const unsigned char* d = cs->z[zd.number];
-  const unsigned char* s = cs->z[zn.number];
-  const unsigned char* p = cs->p[pg.number];
-  unsigned char out[kVecBytes];
-  for (unsigned i = 0; i < lanes<T>; ++i)
-    set_lane<T>(out, i, active<T>(p, i) ? static_cast<T>(op(lane<T>(s, i))) : lane<T>(d, i));
-  std::memcpy(cs->z[zd.number], out, kVecBytes);
+  const Lanes<T> d = load<T>(cs->z[zd.number]), s = load<T>(cs->z[zn.number]), p = load<T>(cs->p[pg.number]);
+  Lanes<T> out;
+  for (unsigned i = 0; i < lanes<T>; ++i) {
+    const T m = active_mask<T>(p.v[i]);
+    out.v[i] = static_cast<T>((static_cast<T>(op(s.v[i])) & m) | (d.v[i] & static_cast<T>(~m)));
+  }
+  store<T>(cs->z[zd.number], out);
+  return AARCH64_DECODE_OK;
+}
+
+// The register as three 16-byte host vectors of T, for the forms whose lane
+// operation is plain vector arithmetic: no loop, no temporary in memory.
+template <typename T>
+struct quad_of {
+  typedef T type __attribute__((vector_size(16)));
+};
+template <typename T>
+using Quad = typename quad_of<T>::type;
+
+template <typename T>
+struct Quads {
+  Quad<T> q[3];
+};
+
+template <typename T>
+inline Quads<T> load_q(const unsigned char* reg) {
+  Quads<T> l;
+  std::memcpy(l.q, reg, kVecBytes);
+  return l;
+}
+
+template <typename T>
+inline void store_q(unsigned char* reg, const Quads<T>& l) {
+  std::memcpy(reg, l.q, kVecBytes);
+}
+
+template <typename T>
+inline Quads<T> splat_q(T v) {
+  Quads<T> l;
+  l.q[0] = l.q[1] = l.q[2] = Quad<T>{} + v;
+  return l;
+}
+
+// Zdn = Pg ? op(Zdn, Zm) : Zdn, op taking and giving Quad<T>. Zdn may be Zm.
+template <typename T, typename Op>
+inline aarch64_decode_rc merge_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm, Op op) {
+  const Quads<T> a = load_q<T>(cs->z[zdn.number]), b = load_q<T>(cs->z[zm.number]), p = load_q<T>(cs->p[pg.number]);
+  Quads<T> out;
+  const auto one = [&](int k) {
+    const Quad<T> m = Quad<T>{} - (p.q[k] & 1);
+    out.q[k] = (op(a.q[k], b.q[k]) & m) | (a.q[k] & ~m);
+  };
+  one(0), one(1), one(2);
+  store_q<T>(cs->z[zdn.number], out);
+  return AARCH64_DECODE_OK;
+}
+
+// Zd = Pg ? on : off: SEL, MOVPRFX and the copies share it.
+template <typename T>
+inline aarch64_decode_rc select_zp(cpu_state* cs, aarch64_z_reg zd, const unsigned char* pred, const Quads<T>& on,
+                                   const Quads<T>& off) {
+  const Quads<T> p = load_q<T>(pred);
+  Quads<T> out;
+  const auto one = [&](int k) {
+    const Quad<T> m = Quad<T>{} - (p.q[k] & 1);
+    out.q[k] = (on.q[k] & m) | (off.q[k] & ~m);
+  };
+  one(0), one(1), one(2);
+  store_q<T>(cs->z[zd.number], out);
   return AARCH64_DECODE_OK;
 }
 
 // Every lane of Zd set to v.
 template <typename T>
 inline aarch64_decode_rc fill(cpu_state* cs, aarch64_z_reg zd, T v) {
-  unsigned char out[kVecBytes];
-  for (unsigned i = 0; i < lanes<T>; ++i) set_lane<T>(out, i, v);
-  std::memcpy(cs->z[zd.number], out, kVecBytes);
+  store_q<T>(cs->z[zd.number], splat_q<T>(v));
   return AARCH64_DECODE_OK;
 }
 
-// Lanes of Zd set to v where Pg is active; the others kept or, when `zeroing`,
-// cleared.
+// Lanes of Zd set to v where Pg is active; the others kept or, when
+// `zeroing`, cleared.
 template <typename T>
 inline aarch64_decode_rc fill_zp(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, T v, bool zeroing) {
-  unsigned char* d = cs->z[zd.number];
-  const unsigned char* p = cs->p[pg.number];
-  for (unsigned i = 0; i < lanes<T>; ++i) {
-    if (active<T>(p, i)) set_lane<T>(d, i, v);
-    else if (zeroing) set_lane<T>(d, i, T{0});
-  }
-  return AARCH64_DECODE_OK;
+  return select_zp<T>(cs, zd, cs->p[pg.number], splat_q<T>(v), zeroing ? splat_q<T>(0) : load_q<T>(cs->z[zd.number]));
 }
 
 }  // namespace fast

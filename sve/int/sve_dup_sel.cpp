@@ -111,14 +111,7 @@ aarch64_decode_rc sve_index_zrr(cpu_state* cs, aarch64_z_reg zd, aarch64_i_reg b
 aarch64_decode_rc sve_sel_zpzz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn, aarch64_z_reg zm) {
   return fast::by_size(zd.size, [&](auto lane) {
     using T = decltype(lane);
-    const unsigned char* a = cs->z[zn.number];
-    const unsigned char* b = cs->z[zm.number];
-    const unsigned char* p = cs->p[pg.number];
-    unsigned char out[kVecBytes];
-    for (unsigned i = 0; i < fast::lanes<T>; ++i)
-      fast::set_lane<T>(out, i, fast::lane<T>(fast::active<T>(p, i) ? a : b, i));
-    std::memcpy(cs->z[zd.number], out, kVecBytes);
-    return AARCH64_DECODE_OK;
+    return fast::select_zp<T>(cs, zd, cs->p[pg.number], fast::load_q<T>(cs->z[zn.number]), fast::load_q<T>(cs->z[zm.number]));
   });
 }
 
@@ -126,14 +119,8 @@ aarch64_decode_rc sve_movprfx_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg
   const bool zeroing = pg.size == kPZero;
   return fast::by_size(zd.size, [&](auto lane) {
     using T = decltype(lane);
-    const unsigned char* d = cs->z[zd.number];
-    const unsigned char* s = cs->z[zn.number];
-    const unsigned char* p = cs->p[pg.number];
-    unsigned char out[kVecBytes];
-    for (unsigned i = 0; i < fast::lanes<T>; ++i)
-      fast::set_lane<T>(out, i, fast::active<T>(p, i) ? fast::lane<T>(s, i) : zeroing ? T{0} : fast::lane<T>(d, i));
-    std::memcpy(cs->z[zd.number], out, kVecBytes);
-    return AARCH64_DECODE_OK;
+    return fast::select_zp<T>(cs, zd, cs->p[pg.number], fast::load_q<T>(cs->z[zn.number]),
+                              zeroing ? fast::splat_q<T>(0) : fast::load_q<T>(cs->z[zd.number]));
   });
 }
 

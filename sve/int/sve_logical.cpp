@@ -28,7 +28,7 @@ extern "C" {
 #define QUERN_LOGICAL(NAME, OP)                                                                      \
   aarch64_decode_rc sve_##NAME##_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) { \
     return fast::by_size(zdn.in_size, [&](auto lane) {                                               \
-      return fast::binary_zpz<decltype(lane)>(cs, zdn, pg, zm, OP{});                                \
+      return fast::merge_zpz<decltype(lane)>(cs, zdn, pg, zm, OP{});                                \
     });                                                                                              \
   }                                                                                                  \
   aarch64_decode_rc sve_##NAME##_zzz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, aarch64_z_reg zm) { \

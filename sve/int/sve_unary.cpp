@@ -17,20 +17,20 @@ namespace {
 struct neg_op {
   template <typename T> T operator()(T b) const { return static_cast<T>(T{0} - b); }
 };
-template <bool Signed>
-struct max_op {
-  template <typename T> T operator()(T a, T b) const {
-    using C = std::conditional_t<Signed, std::make_signed_t<T>, T>;
-    return static_cast<C>(a) > static_cast<C>(b) ? a : b;
+// On host vectors of lanes: the comparison picks whole lanes.
+template <bool Signed, bool Greater>
+struct minmax_op {
+  template <typename V> V operator()(V a, V b) const {
+    using T = std::remove_reference_t<decltype(a[0])>;
+    using C = fast::Quad<std::conditional_t<Signed, std::make_signed_t<T>, T>>;
+    const C x = reinterpret_cast<C>(a), y = reinterpret_cast<C>(b);
+    return (Greater ? x > y : x < y) ? a : b;
   }
 };
-template <bool Signed>
-struct min_op {
-  template <typename T> T operator()(T a, T b) const {
-    using C = std::conditional_t<Signed, std::make_signed_t<T>, T>;
-    return static_cast<C>(a) < static_cast<C>(b) ? a : b;
-  }
-};
+using smax_op = minmax_op<true, true>;
+using umax_op = minmax_op<false, true>;
+using smin_op = minmax_op<true, false>;
+using umin_op = minmax_op<false, false>;
 // Low part of type From, sign- or zero-extended (by From's signedness) to the lane.
 template <typename From>
 struct extend_op {
@@ -63,12 +63,12 @@ aarch64_decode_rc sve_rbit_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg
 // The element size of the destructive min/max comes from Zm.
 #define QUERN_MINMAX_FAST(NAME, OP)                                                                  \
   aarch64_decode_rc NAME(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) {     \
-    return fast::by_size(zm.size, [&](auto lane) { return fast::binary_zpz<decltype(lane)>(cs, zdn, pg, zm, OP{}); }); \
+    return fast::by_size(zm.size, [&](auto lane) { return fast::merge_zpz<decltype(lane)>(cs, zdn, pg, zm, OP{}); }); \
   }
-QUERN_MINMAX_FAST(sve_smax_zpz, max_op<true>)
-QUERN_MINMAX_FAST(sve_umax_zpz, max_op<false>)
-QUERN_MINMAX_FAST(sve_smin_zpz, min_op<true>)
-QUERN_MINMAX_FAST(sve_umin_zpz, min_op<false>)
+QUERN_MINMAX_FAST(sve_smax_zpz, smax_op)
+QUERN_MINMAX_FAST(sve_umax_zpz, umax_op)
+QUERN_MINMAX_FAST(sve_smin_zpz, smin_op)
+QUERN_MINMAX_FAST(sve_umin_zpz, umin_op)
 #undef QUERN_MINMAX_FAST
 
 #define QUERN_EXTEND_FAST(NAME, FROM)                                                                \

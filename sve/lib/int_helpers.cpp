@@ -8,22 +8,13 @@ namespace {
 constexpr s128 kS128Max = static_cast<s128>(~u128{0} >> 1);
 constexpr s128 kS128Min = -kS128Max - 1;
 
-// 2^k for 0 <= k < 127.
-inline s128 pow2(int k) { return static_cast<s128>(u128{1} << k); }
+using int_helpers_detail::pow2;
 
 inline s128 wrap_shl(s128 i, int k) { return static_cast<s128>(static_cast<u128>(i) << k); }
 
 }  // namespace
 
-s128 Int(uint64_t word, int N, int is_unsigned) {
-  const bool sign = is_unsigned != 1 && ((word >> ((N - 1) & 63)) & 1);
-  if (N < 1) return sign && N == 0 ? -1 : 0;
-  if (N >= 64) return sign && N == 64 ? static_cast<s128>(static_cast<int64_t>(word)) : static_cast<s128>(word);
-  const s128 v = static_cast<s128>(word & ones(N));
-  return sign ? v - pow2(N) : v;
-}
 
-s128 UInt(uint64_t word, int N) { return Int(word, N, 1); }
 
 s128 SInt(uint64_t word, int N) {
   switch (N) {
@@ -35,8 +26,6 @@ s128 SInt(uint64_t word, int N) {
   }
 }
 
-s128 AbsInt(s128 i) { return i < 0 ? NegInt(i) : i; }
-s128 NegInt(s128 i) { return static_cast<s128>(u128{0} - static_cast<u128>(i)); }
 s128 AddInt(s128 a, s128 b) { return static_cast<s128>(static_cast<u128>(a) + static_cast<u128>(b)); }
 s128 SubInt(s128 a, s128 b) { return static_cast<s128>(static_cast<u128>(a) - static_cast<u128>(b)); }
 
@@ -64,36 +53,8 @@ u128 PolynomialMult(uint64_t a, uint64_t b) {
   return r;
 }
 
-// The most negative value comes back as the bare N-bit pattern 1 << (N - 1),
-// not sign-extended.
-u128 SatQ(s128 i, int N, int is_unsigned) {
-  if (N < 1 || N > 64) return 0;
-  if (is_unsigned == 1) {
-    if (i < 0) return SatPack(0, true);
-    if ((i >> N) != 0) return SatPack(ones(N), true);
-    return SatPack(ones(N) & bits(i), false);
-  }
-  const s128 hi = pow2(N - 1) - 1;
-  const s128 lo = -pow2(N - 1);
-  if (i > hi) return SatPack(bits(hi), true);
-  if (i < lo) return SatPack(uint64_t{1} << (N - 1), true);
-  return SatPack(ones(N) & bits(i), false);
-}
 
-// Unsaturated, SatAdd hands back the whole low word of the exact sum (so a
-// negative sum is sign-extended) while SatSub masks to N bits. Callers store
-// the low N bits only, where the two agree.
-u128 SatAdd(uint64_t a, uint64_t b, int N, int is_unsigned) {
-  const s128 sum = Int(a, N, is_unsigned) + Int(b, N, is_unsigned);
-  const u128 q = SatQ(sum, N, is_unsigned);
-  return SatFlag(q) ? q : SatPack(bits(sum), false);
-}
 
-u128 SatSub(uint64_t a, uint64_t b, int N, int is_unsigned) {
-  const s128 diff = Int(a, N, is_unsigned) - Int(b, N, is_unsigned);
-  const u128 q = SatQ(diff, N, is_unsigned);
-  return SatPack(SatValue(q) & ones(N), SatFlag(q));
-}
 
 // As SatQ for N up to 128; a value that fits comes back as its low word,
 // unmasked.
@@ -159,32 +120,11 @@ u128 SatShiftLeftU(uint64_t word, uint64_t shift, int N) {
   return SatPack(x < 0 ? 0 : ones(N), true);
 }
 
-uint64_t Max(uint64_t a, uint64_t b, int N, int is_unsigned) {
-  if (N != 8 && N != 16 && N != 32 && N != 64) return 0;
-  return Int(a, N, is_unsigned) > Int(b, N, is_unsigned) ? a : b;
-}
 
-uint64_t Min(uint64_t a, uint64_t b, int N, int is_unsigned) {
-  if (N != 8 && N != 16 && N != 32 && N != 64) return 0;
-  return Int(a, N, is_unsigned) < Int(b, N, is_unsigned) ? a : b;
-}
 
-int HighestBitSet(uint64_t word, int N) {
-  for (int k = (N > 64 ? 64 : N) - 1; k >= 0; --k)
-    if ((word >> k) & 1) return k;
-  return -1;
-}
 
-int CountLeadingZeroBits(uint64_t word, int N) { return N - 1 - HighestBitSet(word, N); }
 
-int CountLeadingSignBits(uint64_t word, int N) {
-  return CountLeadingZeroBits((word & ~(uint64_t{1} << 63)) ^ (word >> 1), N - 1);
-}
 
-int BitCount(uint64_t word, int N) {
-  if (N < 1) return 0;
-  return __builtin_popcountll(word & ones(N > 64 ? 64 : N));
-}
 
 uint64_t BitReverse(uint64_t word, int N) {
   if (N < 1) return 0;
