@@ -13,47 +13,11 @@
 
 namespace fast {
 
-// The merging loops below read whole registers into lane arrays and select
-// with a lane mask instead of a branch, so that the compiler can keep the
-// lanes in vector registers. Bit 0 of the predicate byte at a lane's first
-// byte is bit 0 of the predicate read at the lane's width (little-endian).
-template <typename T>
-struct Lanes {
-  T v[lanes<T>];
-};
-
-template <typename T>
-inline Lanes<T> load(const unsigned char* reg) {
-  Lanes<T> l;
-  std::memcpy(l.v, reg, kVecBytes);
-  return l;
-}
-
-template <typename T>
-inline void store(unsigned char* reg, const Lanes<T>& l) {
-  std::memcpy(reg, l.v, kVecBytes);
-}
-
-template <typename T>
-inline T active_mask(T pred_at_lane) {
-  return static_cast<T>(T{0} - (pred_at_lane & 1u));
-}
-
-// Zd = Pg ? op(Zn) : Zd. Zd may be Zn.
-template <typename T, typename Op>
-inline aarch64_decode_rc unary_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn, Op op) {
-  const Lanes<T> d = load<T>(cs->z[zd.number]), s = load<T>(cs->z[zn.number]), p = load<T>(cs->p[pg.number]);
-  Lanes<T> out;
-  for (unsigned i = 0; i < lanes<T>; ++i) {
-    const T m = active_mask<T>(p.v[i]);
-    out.v[i] = static_cast<T>((static_cast<T>(op(s.v[i])) & m) | (d.v[i] & static_cast<T>(~m)));
-  }
-  store<T>(cs->z[zd.number], out);
-  return AARCH64_DECODE_OK;
-}
-
-// The register as three 16-byte host vectors of T, for the forms whose lane
-// operation is plain vector arithmetic: no loop, no temporary in memory.
+// The merging forms read whole registers as three 16-byte host vectors of
+// lanes and select with a lane mask instead of a branch: no loop and no
+// temporary in memory. Lane operations take and give such vectors. Bit 0 of
+// the predicate byte at a lane's first byte is bit 0 of the predicate read at
+// the lane's width (little-endian), so the mask is 0 - (P & 1).
 template <typename T>
 struct quad_of {
   typedef T type __attribute__((vector_size(16)));
@@ -85,13 +49,32 @@ inline Quads<T> splat_q(T v) {
   return l;
 }
 
-// Zdn = Pg ? op(Zdn, Zm) : Zdn, op taking and giving Quad<T>. Zdn may be Zm.
+template <typename T>
+inline Quad<T> active_mask(Quad<T> pred) {
+  return Quad<T>{} - (pred & 1);
+}
+
+// Zd = Pg ? op(Zn) : Zd. Zd may be Zn.
+template <typename T, typename Op>
+inline aarch64_decode_rc unary_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn, Op op) {
+  const Quads<T> d = load_q<T>(cs->z[zd.number]), s = load_q<T>(cs->z[zn.number]), p = load_q<T>(cs->p[pg.number]);
+  Quads<T> out;
+  const auto one = [&](int k) {
+    const Quad<T> m = active_mask<T>(p.q[k]);
+    out.q[k] = (op(s.q[k]) & m) | (d.q[k] & ~m);
+  };
+  one(0), one(1), one(2);
+  store_q<T>(cs->z[zd.number], out);
+  return AARCH64_DECODE_OK;
+}
+
+// Zdn = Pg ? op(Zdn, Zm) : Zdn. Zdn may be Zm.
 template <typename T, typename Op>
 inline aarch64_decode_rc merge_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm, Op op) {
   const Quads<T> a = load_q<T>(cs->z[zdn.number]), b = load_q<T>(cs->z[zm.number]), p = load_q<T>(cs->p[pg.number]);
   Quads<T> out;
   const auto one = [&](int k) {
-    const Quad<T> m = Quad<T>{} - (p.q[k] & 1);
+    const Quad<T> m = active_mask<T>(p.q[k]);
     out.q[k] = (op(a.q[k], b.q[k]) & m) | (a.q[k] & ~m);
   };
   one(0), one(1), one(2);
@@ -106,7 +89,7 @@ inline aarch64_decode_rc select_zp(cpu_state* cs, aarch64_z_reg zd, const unsign
   const Quads<T> p = load_q<T>(pred);
   Quads<T> out;
   const auto one = [&](int k) {
-    const Quad<T> m = Quad<T>{} - (p.q[k] & 1);
+    const Quad<T> m = active_mask<T>(p.q[k]);
     out.q[k] = (on.q[k] & m) | (off.q[k] & ~m);
   };
   one(0), one(1), one(2);

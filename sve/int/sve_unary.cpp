@@ -14,8 +14,9 @@
 
 namespace {
 
+// The fast lane operations work on host vectors of lanes (fast::Quad).
 struct neg_op {
-  template <typename T> T operator()(T b) const { return static_cast<T>(T{0} - b); }
+  template <typename V> V operator()(V b) const { return V{} - b; }
 };
 // On host vectors of lanes: the comparison picks whole lanes.
 template <bool Signed, bool Greater>
@@ -31,20 +32,37 @@ using smax_op = minmax_op<true, true>;
 using umax_op = minmax_op<false, true>;
 using smin_op = minmax_op<true, false>;
 using umin_op = minmax_op<false, false>;
-// Low part of type From, sign- or zero-extended (by From's signedness) to the lane.
+
+// The low part of type From, sign- or zero-extended by From's signedness.
 template <typename From>
 struct extend_op {
-  template <typename T> T operator()(T b) const { return static_cast<T>(static_cast<From>(b)); }
+  template <typename V> V operator()(V b) const {
+    using T = std::remove_reference_t<decltype(b[0])>;
+    constexpr int shift = lane_bits<T> - lane_bits<From>;
+    if constexpr (shift <= 0) {
+      return b;  // a lane no wider than From: no row has one
+    } else if constexpr (std::is_unsigned_v<From>) {
+      return b & static_cast<T>(ones(lane_bits<From>));
+    } else {
+      using S = fast::Quad<std::make_signed_t<T>>;
+      return reinterpret_cast<V>((reinterpret_cast<S>(b) << shift) >> shift);
+    }
+  }
 };
 
-inline uint64_t reverse64(uint64_t x) {
-  x = ((x >> 1) & 0x5555555555555555ull) | ((x & 0x5555555555555555ull) << 1);
-  x = ((x >> 2) & 0x3333333333333333ull) | ((x & 0x3333333333333333ull) << 2);
-  x = ((x >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((x & 0x0F0F0F0F0F0F0F0Full) << 4);
-  return __builtin_bswap64(x);
-}
+// Bits mirrored within each byte, then the bytes of each lane reversed.
 struct rbit_op {
-  template <typename T> T operator()(T b) const { return static_cast<T>(reverse64(b) >> (64 - lane_bits<T>)); }
+  template <typename V> V operator()(V b) const {
+    using B = fast::Quad<uint8_t>;
+    constexpr unsigned size = sizeof(b[0]);
+    B x = reinterpret_cast<B>(b);
+    x = ((x >> 1) & 0x55) | ((x & 0x55) << 1);
+    x = ((x >> 2) & 0x33) | ((x & 0x33) << 2);
+    x = ((x >> 4) & 0x0F) | ((x & 0x0F) << 4);
+    B order;
+    for (unsigned j = 0; j < 16; ++j) order[j] = static_cast<uint8_t>(j / size * size + (size - 1 - j % size));
+    return reinterpret_cast<V>(__builtin_shuffle(x, order));
+  }
 };
 
 }  // namespace
