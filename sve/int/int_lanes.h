@@ -54,35 +54,7 @@ inline Quad<T> active_mask(Quad<T> pred) {
   return Quad<T>{} - (pred & 1);
 }
 
-// Zd = Pg ? op(Zn) : Zd. Zd may be Zn.
-template <typename T, typename Op>
-inline aarch64_decode_rc unary_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn, Op op) {
-  const Quads<T> d = load_q<T>(cs->z[zd.number]), s = load_q<T>(cs->z[zn.number]), p = load_q<T>(cs->p[pg.number]);
-  Quads<T> out;
-  const auto one = [&](int k) {
-    const Quad<T> m = active_mask<T>(p.q[k]);
-    out.q[k] = (op(s.q[k]) & m) | (d.q[k] & ~m);
-  };
-  one(0), one(1), one(2);
-  store_q<T>(cs->z[zd.number], out);
-  return AARCH64_DECODE_OK;
-}
-
-// Zdn = Pg ? op(Zdn, Zm) : Zdn. Zdn may be Zm.
-template <typename T, typename Op>
-inline aarch64_decode_rc merge_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm, Op op) {
-  const Quads<T> a = load_q<T>(cs->z[zdn.number]), b = load_q<T>(cs->z[zm.number]), p = load_q<T>(cs->p[pg.number]);
-  Quads<T> out;
-  const auto one = [&](int k) {
-    const Quad<T> m = active_mask<T>(p.q[k]);
-    out.q[k] = (op(a.q[k], b.q[k]) & m) | (a.q[k] & ~m);
-  };
-  one(0), one(1), one(2);
-  store_q<T>(cs->z[zdn.number], out);
-  return AARCH64_DECODE_OK;
-}
-
-// Zd = Pg ? on : off: SEL, MOVPRFX and the copies share it.
+// Zd = Pg ? on : off, lane by lane: every merging form ends here.
 template <typename T>
 inline aarch64_decode_rc select_zp(cpu_state* cs, aarch64_z_reg zd, const unsigned char* pred, const Quads<T>& on,
                                    const Quads<T>& off) {
@@ -95,6 +67,26 @@ inline aarch64_decode_rc select_zp(cpu_state* cs, aarch64_z_reg zd, const unsign
   one(0), one(1), one(2);
   store_q<T>(cs->z[zd.number], out);
   return AARCH64_DECODE_OK;
+}
+
+// The three host vectors f(0), f(1), f(2).
+template <typename T, typename F>
+inline Quads<T> map_q(F f) {
+  return Quads<T>{{f(0), f(1), f(2)}};
+}
+
+// Zd = Pg ? op(Zn) : Zd. Zd may be Zn.
+template <typename T, typename Op>
+inline aarch64_decode_rc unary_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn, Op op) {
+  const Quads<T> s = load_q<T>(cs->z[zn.number]);
+  return select_zp<T>(cs, zd, cs->p[pg.number], map_q<T>([&](int k) { return op(s.q[k]); }), load_q<T>(cs->z[zd.number]));
+}
+
+// Zdn = Pg ? op(Zdn, Zm) : Zdn. Zdn may be Zm.
+template <typename T, typename Op>
+inline aarch64_decode_rc merge_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm, Op op) {
+  const Quads<T> a = load_q<T>(cs->z[zdn.number]), b = load_q<T>(cs->z[zm.number]);
+  return select_zp<T>(cs, zdn, cs->p[pg.number], map_q<T>([&](int k) { return op(a.q[k], b.q[k]); }), a);
 }
 
 // Every lane of Zd set to v.

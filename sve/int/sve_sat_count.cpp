@@ -68,30 +68,23 @@ extern "C" {
 
 // ---- fast road ---------------------------------------------------------------
 
-#define QUERN_STEP_X(L, SIZE)                                                                        \
-  aarch64_decode_rc sve_inc##L##_rii(cpu_state* cs, aarch64_i_reg r, unsigned int pat, unsigned int mul) { \
-    return step_x<SIZE, false>(cs, r, pat, mul);                                                     \
+// INC<T> and DEC<T> on a general register (STEP = step_x, ARG the size code)
+// or on a vector (STEP = step_z, ARG the lane type).
+#define QUERN_INC_DEC(L, FORM, REG, STEP, ARG)                                                       \
+  aarch64_decode_rc sve_inc##L##_##FORM(cpu_state* cs, REG r, unsigned int pat, unsigned int mul) {  \
+    return STEP<ARG, false>(cs, r, pat, mul);                                                        \
   }                                                                                                  \
-  aarch64_decode_rc sve_dec##L##_rii(cpu_state* cs, aarch64_i_reg r, unsigned int pat, unsigned int mul) { \
-    return step_x<SIZE, true>(cs, r, pat, mul);                                                      \
+  aarch64_decode_rc sve_dec##L##_##FORM(cpu_state* cs, REG r, unsigned int pat, unsigned int mul) {  \
+    return STEP<ARG, true>(cs, r, pat, mul);                                                         \
   }
-QUERN_STEP_X(b, 0)
-QUERN_STEP_X(h, 1)
-QUERN_STEP_X(w, 2)
-QUERN_STEP_X(d, 3)
-#undef QUERN_STEP_X
-
-#define QUERN_STEP_Z(L, T)                                                                           \
-  aarch64_decode_rc sve_inc##L##_zii(cpu_state* cs, aarch64_z_reg z, unsigned int pat, unsigned int mul) { \
-    return step_z<T, false>(cs, z, pat, mul);                                                        \
-  }                                                                                                  \
-  aarch64_decode_rc sve_dec##L##_zii(cpu_state* cs, aarch64_z_reg z, unsigned int pat, unsigned int mul) { \
-    return step_z<T, true>(cs, z, pat, mul);                                                         \
-  }
-QUERN_STEP_Z(h, uint16_t)
-QUERN_STEP_Z(w, uint32_t)
-QUERN_STEP_Z(d, uint64_t)
-#undef QUERN_STEP_Z
+QUERN_INC_DEC(b, rii, aarch64_i_reg, step_x, 0)
+QUERN_INC_DEC(h, rii, aarch64_i_reg, step_x, 1)
+QUERN_INC_DEC(w, rii, aarch64_i_reg, step_x, 2)
+QUERN_INC_DEC(d, rii, aarch64_i_reg, step_x, 3)
+QUERN_INC_DEC(h, zii, aarch64_z_reg, step_z, uint16_t)
+QUERN_INC_DEC(w, zii, aarch64_z_reg, step_z, uint32_t)
+QUERN_INC_DEC(d, zii, aarch64_z_reg, step_z, uint64_t)
+#undef QUERN_INC_DEC
 
 // UQDECB on a 32-bit (width code 2) or 64-bit register: clamps at zero.
 aarch64_decode_rc sve_uqdecb_rii(cpu_state* cs, aarch64_i_reg rdn, unsigned int pattern, unsigned int mul) {

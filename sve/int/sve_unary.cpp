@@ -107,19 +107,15 @@ QUERN_EXTEND_FAST(sve_uxtw_zpz, uint32_t)
 // Unary merging routines: Vec<TY><OP>VM(old destination, PredV, source, CpuContext*).
 #define QUERN_UNARY_VM(TY, T, U, OP, EXPR)                                                           \
   VecV Vec##TY##OP##VM(VecV d, PredV p, VecV s, CpuContext* c) {                                     \
-    return generic::unary_vm<T>(d, p, s, c, [](T b) {                                                \
-      constexpr int w = lane_bits<T>;                                                                \
-      (void)w;                                                                                       \
-      return static_cast<T>(EXPR);                                                                   \
-    });                                                                                              \
+    return generic::unary_vm<T>(d, p, s, c, [](T b) { return static_cast<T>(EXPR); });              \
   }
 
 #define QUERN_UNARY_ANY(TY, T, U)                                                                    \
   QUERN_UNARY_VM(TY, T, U, Inv, ~b)                                                                  \
   QUERN_UNARY_VM(TY, T, U, Not, b == 0 ? 1 : 0)                                                      \
-  QUERN_UNARY_VM(TY, T, U, Cls, CountLeadingSignBits(b, w))                                          \
-  QUERN_UNARY_VM(TY, T, U, Clz, CountLeadingZeroBits(b, w))                                          \
-  QUERN_UNARY_VM(TY, T, U, Cnt, BitCount(b, w))                                                      \
+  QUERN_UNARY_VM(TY, T, U, Cls, CountLeadingSignBits(b, lane_bits<T>))                                          \
+  QUERN_UNARY_VM(TY, T, U, Clz, CountLeadingZeroBits(b, lane_bits<T>))                                          \
+  QUERN_UNARY_VM(TY, T, U, Cnt, BitCount(b, lane_bits<T>))                                                      \
   VecV Vec##TY##SubRVVM(VecV a, PredV p, VecV b, CpuContext* c) {                                    \
     return generic::binary_vvm<T>(a, p, b, c, [](T x, T y) { return static_cast<T>(y - x); });       \
   }                                                                                                  \
@@ -131,11 +127,11 @@ QUERN_INT_TYPES_U(QUERN_UNARY_ANY)
 #undef QUERN_UNARY_ANY
 
 // The most negative value has no positive counterpart and stays as it is.
-#define QUERN_ABS(TY, T, U) QUERN_UNARY_VM(TY, T, U, Abs, bits(AbsInt(Int(b, w, U))))
+#define QUERN_ABS(TY, T, U) QUERN_UNARY_VM(TY, T, U, Abs, bits(AbsInt(Int(b, lane_bits<T>, U))))
 QUERN_INT_TYPES_S(QUERN_ABS)
 #undef QUERN_ABS
 
-#define QUERN_SIGNED_PAIR(TY, T, U)                                                                  \
+#define QUERN_ABD_MINMAX_IMM(TY, T, U)                                                                  \
   VecV Vec##TY##AbdVVM(VecV a, PredV p, VecV b, CpuContext* c) {                                     \
     return generic::binary_vvm<T>(a, p, b, c, [](T x, T y) {                                         \
       return static_cast<T>(bits(AbsInt(Int(x, lane_bits<T>, U) - Int(y, lane_bits<T>, U))));       \
@@ -149,8 +145,8 @@ QUERN_INT_TYPES_S(QUERN_ABS)
     return generic::binary_vix<T>(a, static_cast<uint64_t>(imm), c,                                 \
                                   [](T x, T y) { return static_cast<T>(Min(x, y, lane_bits<T>, U)); }); \
   }
-QUERN_INT_TYPES_US(QUERN_SIGNED_PAIR)
-#undef QUERN_SIGNED_PAIR
+QUERN_INT_TYPES_US(QUERN_ABD_MINMAX_IMM)
+#undef QUERN_ABD_MINMAX_IMM
 
 // UXTB: the low byte, zero-extended.
 QUERN_UNARY_VM(U16, uint16_t, 1, Extnd12, static_cast<uint8_t>(b))
