@@ -92,6 +92,41 @@ TEST(IntFamilies, ByteLanesWithTheShiftedImmediate) {
   }
 }
 
+// ---- governing predicates ------------------------------------------------------------
+
+// Only bit 0 of a predicate byte governs. Bytes that hold other bits as well
+// (which no reference processor can hold) change nothing, on every predicated
+// fast handler of these families.
+TEST(IntFamilies, OnlyBitZeroOfAPredicateByteCounts) {
+  struct Case { uint32_t word; const char* text; };
+  const Case cases[] = {
+      {0x04080861u, "smax z1.b, p2/m, z1.b, z3.b"}, {0x044B0861u, "umin z1.h, p2/m, z1.h, z3.h"},
+      {0x049A0861u, "and z1.s, p2/m, z1.s, z3.s"},  {0x04DB0861u, "bic z1.d, p2/m, z1.d, z3.d"},
+      {0x0457A861u, "neg z1.h, p2/m, z3.h"},        {0x05A78861u, "rbit z1.s, p2/m, z3.s"},
+      {0x04D0A861u, "sxtb z1.d, p2/m, z3.d"},       {0x0493A861u, "uxth z1.s, p2/m, z3.s"},
+      {0x0523C841u, "sel z1.b, p2, z2.b, z3.b"},    {0x04512861u, "movprfx z1.h, p2/m, z3.h"},
+      {0x04902861u, "movprfx z1.s, p2/z, z3.s"},    {0x05D200A1u, "mov z1.d, p2/z, #5"},
+      {0x051240A1u, "mov z1.b, p2/m, #5"},          {0x0568A881u, "mov z1.h, p2/m, w4"},
+      {0x05A08861u, "mov z1.s, p2/m, s3"},          {0x25EC8844u, "incp x4, p2.d"},
+      {0x252C8844u, "incp x4, p2.b"},
+  };
+  std::mt19937_64 rng(11);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    for (int trial = 0; trial < 20; ++trial) {
+      cpu_state canonical;
+      random_state(canonical, rng);
+      for (auto& b : canonical.p[2]) b = rng() & 1;
+      cpu_state noisy = canonical;
+      for (auto& b : noisy.p[2]) b = static_cast<unsigned char>(b | (rng() & 0xFE));
+      ASSERT_EQ(run_word(canonical, c.word), 0);
+      ASSERT_EQ(run_word(noisy, c.word), 0);
+      std::memcpy(noisy.p[2], canonical.p[2], 48);
+      EXPECT_EQ(std::memcmp(&canonical, &noisy, sizeof canonical), 0) << quern_test::describe_diff(canonical, noisy);
+    }
+  }
+}
+
 // ---- bitmask immediates -----------------------------------------------------------------
 
 // Every valid immediate, built the plain way: a run of ones in an element of
