@@ -42,16 +42,15 @@ uint64_t vl_count(uint64_t pattern, uint64_t imm4, const CpuContext* c) {
   return count + imm4 * count;
 }
 
-// A 32-bit saturated scalar comes back sign-extended when signed and
-// zero-extended when unsigned, also where SatQ gave a bare N-bit pattern.
-inline uint64_t extend32(u128 r, int is_unsigned) {
+// A scalar of Bytes (4 or 8) bytes plus or minus a count, saturated. A 32-bit
+// result comes back sign-extended when signed and zero-extended when unsigned,
+// also where SatQ gave a bare N-bit pattern.
+template <bool Dec, int Bytes>
+uint64_t sat_scalar(uint64_t value, uint64_t count, int is_unsigned) {
+  const u128 r = Dec ? SatSub(value, count, Bytes * 8, is_unsigned) : SatAdd(value, count, Bytes * 8, is_unsigned);
+  if (Bytes == 8) return SatValue(r);
   const uint32_t v = static_cast<uint32_t>(SatValue(r));
   return is_unsigned == 1 ? v : static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(v)));
-}
-
-template <bool Dec>
-inline u128 sat_step(uint64_t value, uint64_t count, int n, int is_unsigned) {
-  return Dec ? SatSub(value, count, n, is_unsigned) : SatAdd(value, count, n, is_unsigned);
 }
 
 // The lane plus or minus c, exactly, then clamped.
@@ -108,7 +107,7 @@ aarch64_decode_rc sve_incp_rp(cpu_state* cs, aarch64_i_reg xdn, aarch64_p_reg pm
 
 // ---- generic road --------------------------------------------------------------
 
-#define QUERN_SAT_ALL(TY, T, U)                                                                      \
+#define QUERN_SAT_VECTORS(TY, T, U)                                                                  \
   VecV Vec##TY##QAddVVX(VecV a, VecV b, CpuContext* c) {                                             \
     return generic::binary_vvx<T>(a, b, c, [](T x, T y) { return static_cast<T>(SatValue(SatAdd(x, y, lane_bits<T>, U))); }); \
   }                                                                                                  \
@@ -121,41 +120,35 @@ aarch64_decode_rc sve_incp_rp(cpu_state* cs, aarch64_i_reg xdn, aarch64_p_reg pm
   }                                                                                                  \
   VecV Vec##TY##QSubVIX(VecV a, uint64_t imm, CpuContext* c) {                                       \
     return generic::binary_vix<T>(a, imm, c, [](T x, T y) { return sat_lane<T, true>(x, y, U); });   \
-  }                                                                                                  \
-  uint64_t Vec##TY##QIncrVL4SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {             \
-    return extend32(SatAdd(v, vl_count<T>(pat, imm4, c), 32, U), U);                                 \
-  }                                                                                                  \
-  uint64_t Vec##TY##QIncrVL8SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {             \
-    return SatValue(SatAdd(v, vl_count<T>(pat, imm4, c), 64, U));                                    \
-  }                                                                                                  \
-  uint64_t Vec##TY##QIncrSCount4PS(PredV p, uint64_t v, CpuContext* c) {                             \
-    return extend32(sat_step<false>(v, generic::count_active<T>(p, c), 32, U), U);                   \
-  }                                                                                                  \
-  uint64_t Vec##TY##QIncrSCount8PS(PredV p, uint64_t v, CpuContext* c) {                             \
-    return SatValue(sat_step<false>(v, generic::count_active<T>(p, c), 64, U));                      \
-  }                                                                                                  \
-  uint64_t Vec##TY##QDecrSCount4PS(PredV p, uint64_t v, CpuContext* c) {                             \
-    return extend32(sat_step<true>(v, generic::count_active<T>(p, c), 32, U), U);                    \
-  }                                                                                                  \
-  uint64_t Vec##TY##QDecrSCount8PS(PredV p, uint64_t v, CpuContext* c) {                             \
-    return SatValue(sat_step<true>(v, generic::count_active<T>(p, c), 64, U));                       \
   }
-QUERN_INT_TYPES_US(QUERN_SAT_ALL)
-#undef QUERN_SAT_ALL
+QUERN_INT_TYPES_US(QUERN_SAT_VECTORS)
+#undef QUERN_SAT_VECTORS
 
-// UQDECB takes the fast road: no U8 routine for it here.
-#define QUERN_QDECR_VL(TY, T, U)                                                                     \
-  uint64_t Vec##TY##QDecrVL4SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {             \
-    return extend32(SatSub(v, vl_count<T>(pat, imm4, c), 32, U), U);                                 \
-  }                                                                                                  \
-  uint64_t Vec##TY##QDecrVL8SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {             \
-    return SatValue(SatSub(v, vl_count<T>(pat, imm4, c), 64, U));                                    \
+// Saturating scalar counts: Vec<TY>Q<Incr|Decr>VL<4|8>SI from a pattern,
+// Vec<TY>Q<Incr|Decr>SCount<4|8>PS from a predicate.
+#define QUERN_SAT_VL(TY, T, U, OP, DEC, B)                                                           \
+  uint64_t Vec##TY##Q##OP##VL##B##SI(uint64_t v, uint64_t pat, uint64_t imm4, CpuContext* c) {       \
+    return sat_scalar<DEC, B>(v, vl_count<T>(pat, imm4, c), U);                                      \
   }
-QUERN_QDECR_VL(U16, uint16_t, 1)
-QUERN_QDECR_VL(U32, uint32_t, 1)
-QUERN_QDECR_VL(U64, uint64_t, 1)
-QUERN_INT_TYPES_S(QUERN_QDECR_VL)
-#undef QUERN_QDECR_VL
+#define QUERN_SAT_PS(TY, T, U, OP, DEC, B)                                                           \
+  uint64_t Vec##TY##Q##OP##SCount##B##PS(PredV p, uint64_t v, CpuContext* c) {                       \
+    return sat_scalar<DEC, B>(v, generic::count_active<T>(p, c), U);                                 \
+  }
+#define QUERN_SAT_SCALARS(TY, T, U)                                                                  \
+  QUERN_SAT_VL(TY, T, U, Incr, false, 4) QUERN_SAT_VL(TY, T, U, Incr, false, 8)                     \
+  QUERN_SAT_PS(TY, T, U, Incr, false, 4) QUERN_SAT_PS(TY, T, U, Incr, false, 8)                     \
+  QUERN_SAT_PS(TY, T, U, Decr, true, 4) QUERN_SAT_PS(TY, T, U, Decr, true, 8)
+QUERN_INT_TYPES_US(QUERN_SAT_SCALARS)
+// UQDECB takes the fast road: no U8 routine for it here.
+#define QUERN_SAT_DECR_VL(TY, T, U) QUERN_SAT_VL(TY, T, U, Decr, true, 4) QUERN_SAT_VL(TY, T, U, Decr, true, 8)
+QUERN_INT_TYPES_S(QUERN_SAT_DECR_VL)
+QUERN_SAT_DECR_VL(U16, uint16_t, 1)
+QUERN_SAT_DECR_VL(U32, uint32_t, 1)
+QUERN_SAT_DECR_VL(U64, uint64_t, 1)
+#undef QUERN_SAT_DECR_VL
+#undef QUERN_SAT_SCALARS
+#undef QUERN_SAT_PS
+#undef QUERN_SAT_VL
 
 #define QUERN_COUNT_U(TY, T, U)                                                                      \
   uint64_t Vec##TY##CountVLSI(uint64_t pat, uint64_t imm4, CpuContext* c) { return vl_count<T>(pat, imm4, c); } \
@@ -163,38 +156,31 @@ QUERN_INT_TYPES_S(QUERN_QDECR_VL)
 QUERN_INT_TYPES_U(QUERN_COUNT_U)
 #undef QUERN_COUNT_U
 
-#define QUERN_COUNT_WIDE(TY, T, U)                                                                   \
-  VecV Vec##TY##QIncrVLVI(VecV a, uint64_t pat, uint64_t imm4, CpuContext* c) {                      \
+// Every lane plus or minus a count: saturating (Q) or modular, the count from
+// a pattern (VLVI) or a predicate (CountPV).
+#define QUERN_STEP_VL(TY, T, U, OP, DEC)                                                             \
+  VecV Vec##TY##OP##VLVI(VecV a, uint64_t pat, uint64_t imm4, CpuContext* c) {                       \
     const uint64_t k = vl_count<T>(pat, imm4, c);                                                    \
-    return generic::unary_vx<T>(a, c, [k](T x) { return sat_lane<T, false>(x, k, U); });             \
-  }                                                                                                  \
-  VecV Vec##TY##QDecrVLVI(VecV a, uint64_t pat, uint64_t imm4, CpuContext* c) {                      \
-    const uint64_t k = vl_count<T>(pat, imm4, c);                                                    \
-    return generic::unary_vx<T>(a, c, [k](T x) { return sat_lane<T, true>(x, k, U); });              \
-  }                                                                                                  \
-  VecV Vec##TY##QIncrCountPV(PredV p, VecV a, CpuContext* c) {                                       \
-    const uint64_t k = generic::count_active<T>(p, c);                                               \
-    return generic::unary_vx<T>(a, c, [k](T x) { return static_cast<T>(SatValue(SatAdd(x, k, lane_bits<T>, U))); }); \
-  }                                                                                                  \
-  VecV Vec##TY##QDecrCountPV(PredV p, VecV a, CpuContext* c) {                                       \
-    const uint64_t k = generic::count_active<T>(p, c);                                               \
-    return generic::unary_vx<T>(a, c, [k](T x) { return static_cast<T>(SatValue(SatSub(x, k, lane_bits<T>, U))); }); \
+    return generic::unary_vx<T>(a, c, [k](T x) { return sat_lane<T, DEC>(x, k, U); });               \
   }
-QUERN_INT_TYPES_US_WIDE(QUERN_COUNT_WIDE)
-#undef QUERN_COUNT_WIDE
-
-#define QUERN_COUNT_PV(TY, T, U)                                                                     \
-  VecV Vec##TY##IncrCountPV(PredV p, VecV a, CpuContext* c) {                                        \
-    const T k = static_cast<T>(generic::count_active<T>(p, c));                                      \
-    return generic::unary_vx<T>(a, c, [k](T x) { return static_cast<T>(x + k); });                   \
-  }                                                                                                  \
-  VecV Vec##TY##DecrCountPV(PredV p, VecV a, CpuContext* c) {                                        \
-    const T k = static_cast<T>(generic::count_active<T>(p, c));                                      \
-    return generic::unary_vx<T>(a, c, [k](T x) { return static_cast<T>(x - k); });                   \
+#define QUERN_STEP_PV(TY, T, U, OP, DEC, LANE)                                                       \
+  VecV Vec##TY##OP##CountPV(PredV p, VecV a, CpuContext* c) {                                        \
+    const uint64_t k = generic::count_active<T>(p, c);                                               \
+    return generic::unary_vx<T>(a, c, [k](T x) { return LANE; });                                    \
   }
-QUERN_COUNT_PV(U16, uint16_t, 1)
-QUERN_COUNT_PV(U32, uint32_t, 1)
-QUERN_COUNT_PV(U64, uint64_t, 1)
-#undef QUERN_COUNT_PV
+#define QUERN_STEP_WIDE(TY, T, U)                                                                    \
+  QUERN_STEP_VL(TY, T, U, QIncr, false) QUERN_STEP_VL(TY, T, U, QDecr, true)                        \
+  QUERN_STEP_PV(TY, T, U, QIncr, false, (sat_lane<T, false>(x, k, U)))                              \
+  QUERN_STEP_PV(TY, T, U, QDecr, true, (sat_lane<T, true>(x, k, U)))
+QUERN_INT_TYPES_US_WIDE(QUERN_STEP_WIDE)
+#define QUERN_STEP_MODULAR(TY, T, U)                                                                 \
+  QUERN_STEP_PV(TY, T, U, Incr, false, static_cast<T>(x + k)) QUERN_STEP_PV(TY, T, U, Decr, true, static_cast<T>(x - k))
+QUERN_STEP_MODULAR(U16, uint16_t, 1)
+QUERN_STEP_MODULAR(U32, uint32_t, 1)
+QUERN_STEP_MODULAR(U64, uint64_t, 1)
+#undef QUERN_STEP_MODULAR
+#undef QUERN_STEP_WIDE
+#undef QUERN_STEP_PV
+#undef QUERN_STEP_VL
 
 }  // extern "C"
