@@ -148,5 +148,5 @@ constexpr int lane_bits = static_cast<int>(sizeof(T) * 8);
 #define QUERN_INT_TYPES_S(M) M(S8, uint8_t, 0) M(S16, uint16_t, 0) M(S32, uint32_t, 0) M(S64, uint64_t, 0)
 #define QUERN_INT_TYPES_US(M) QUERN_INT_TYPES_U(M) QUERN_INT_TYPES_S(M)
 // Without bytes: the vector forms of the count families.
-#define QUERN_INT_TYPES_US_WIDE(M) \
-  M(U16, uint16_t, 1) M(U32, uint32_t, 1) M(U64, uint64_t, 1) M(S16, uint16_t, 0) M(S32, uint32_t, 0) M(S64, uint64_t, 0)
+#define QUERN_INT_TYPES_U_WIDE(M) M(U16, uint16_t, 1) M(U32, uint32_t, 1) M(U64, uint64_t, 1)
+#define QUERN_INT_TYPES_US_WIDE(M) QUERN_INT_TYPES_U_WIDE(M) M(S16, uint16_t, 0) M(S32, uint32_t, 0) M(S64, uint64_t, 0)

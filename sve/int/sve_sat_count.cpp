@@ -142,9 +142,7 @@ QUERN_INT_TYPES_US(QUERN_SAT_SCALARS)
 // UQDECB takes the fast road: no U8 routine for it here.
 #define QUERN_SAT_DECR_VL(TY, T, U) QUERN_SAT_VL(TY, T, U, Decr, true, 4) QUERN_SAT_VL(TY, T, U, Decr, true, 8)
 QUERN_INT_TYPES_S(QUERN_SAT_DECR_VL)
-QUERN_SAT_DECR_VL(U16, uint16_t, 1)
-QUERN_SAT_DECR_VL(U32, uint32_t, 1)
-QUERN_SAT_DECR_VL(U64, uint64_t, 1)
+QUERN_INT_TYPES_U_WIDE(QUERN_SAT_DECR_VL)
 #undef QUERN_SAT_DECR_VL
 #undef QUERN_SAT_SCALARS
 #undef QUERN_SAT_PS
@@ -175,9 +173,7 @@ QUERN_INT_TYPES_U(QUERN_COUNT_U)
 QUERN_INT_TYPES_US_WIDE(QUERN_STEP_WIDE)
 #define QUERN_STEP_MODULAR(TY, T, U)                                                                 \
   QUERN_STEP_PV(TY, T, U, Incr, false, static_cast<T>(x + k)) QUERN_STEP_PV(TY, T, U, Decr, true, static_cast<T>(x - k))
-QUERN_STEP_MODULAR(U16, uint16_t, 1)
-QUERN_STEP_MODULAR(U32, uint32_t, 1)
-QUERN_STEP_MODULAR(U64, uint64_t, 1)
+QUERN_INT_TYPES_U_WIDE(QUERN_STEP_MODULAR)
 #undef QUERN_STEP_MODULAR
 #undef QUERN_STEP_WIDE
 #undef QUERN_STEP_PV

@@ -71,13 +71,6 @@ extern "C" {
 
 // ---- fast road ---------------------------------------------------------------
 
-aarch64_decode_rc sve_neg_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return fast::by_size(zd.size, [&](auto lane) { return fast::unary_zpz<decltype(lane)>(cs, zd, pg, zn, neg_op{}); });
-}
-aarch64_decode_rc sve_rbit_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return fast::by_size(zd.size, [&](auto lane) { return fast::unary_zpz<decltype(lane)>(cs, zd, pg, zn, rbit_op{}); });
-}
-
 // The element size of the destructive min/max comes from Zm.
 #define QUERN_MINMAX_FAST(NAME, OP)                                                                  \
   aarch64_decode_rc NAME(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) {     \
@@ -89,18 +82,19 @@ QUERN_MINMAX_FAST(sve_smin_zpz, smin_op)
 QUERN_MINMAX_FAST(sve_umin_zpz, umin_op)
 #undef QUERN_MINMAX_FAST
 
-#define QUERN_EXTEND_FAST(NAME, FROM)                                                                \
+// Unary merging: Zd, Pg/M, Zn with the element size of Zd.
+#define QUERN_UNARY_FAST(NAME, OP)                                                                   \
   aarch64_decode_rc NAME(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg, aarch64_z_reg zn) {      \
-    return fast::by_size(zd.size, [&](auto lane) {                                                   \
-      return fast::unary_zpz<decltype(lane)>(cs, zd, pg, zn, extend_op<FROM>{});                     \
-    });                                                                                              \
+    return fast::by_size(zd.size, [&](auto lane) { return fast::unary_zpz<decltype(lane)>(cs, zd, pg, zn, OP{}); }); \
   }
-QUERN_EXTEND_FAST(sve_sxtb_zpz, int8_t)
-QUERN_EXTEND_FAST(sve_sxth_zpz, int16_t)
-QUERN_EXTEND_FAST(sve_sxtw_zpz, int32_t)
-QUERN_EXTEND_FAST(sve_uxth_zpz, uint16_t)
-QUERN_EXTEND_FAST(sve_uxtw_zpz, uint32_t)
-#undef QUERN_EXTEND_FAST
+QUERN_UNARY_FAST(sve_neg_zpz, neg_op)
+QUERN_UNARY_FAST(sve_rbit_zpz, rbit_op)
+QUERN_UNARY_FAST(sve_sxtb_zpz, extend_op<int8_t>)
+QUERN_UNARY_FAST(sve_sxth_zpz, extend_op<int16_t>)
+QUERN_UNARY_FAST(sve_sxtw_zpz, extend_op<int32_t>)
+QUERN_UNARY_FAST(sve_uxth_zpz, extend_op<uint16_t>)
+QUERN_UNARY_FAST(sve_uxtw_zpz, extend_op<uint32_t>)
+#undef QUERN_UNARY_FAST
 
 // ---- generic road --------------------------------------------------------------
 
