@@ -262,6 +262,7 @@ TEST(IntHelpers, VecTrueILengthEveryPattern) {
   EXPECT_EQ(VecTrueILength(0, 1), 1);
   EXPECT_EQ(VecTrueILength(31, 7), 6);  // odd counts round down; none occur here
   EXPECT_EQ(VecTrueILength(13, 256), 256);
+  EXPECT_EQ(VecTrueILength(32 + 31, 48), 0);  // only the 5-bit field names a pattern
 }
 
 }  // namespace

@@ -38,7 +38,7 @@ aarch64_decode_rc step_z(cpu_state* cs, aarch64_z_reg zdn, unsigned pattern, uns
 // The count that a pattern and a raw imm4 give at lane type T.
 template <typename T>
 uint64_t vl_count(uint64_t pattern, uint64_t imm4, const CpuContext* c) {
-  const uint64_t count = static_cast<uint64_t>(VecTrueILength(static_cast<int>(pattern & 31), generic::lane_count<T>(c)));
+  const uint64_t count = static_cast<uint64_t>(VecTrueILength(pattern, generic::lane_count<T>(c)));
   return count + imm4 * count;
 }
 

@@ -202,10 +202,12 @@ u128 SatQBigInt(BigInt v, int N, int is_unsigned) {
   return SatPack(uint64_t{1} << (N - 1), true);
 }
 
-int VecTrueILength(int pattern, int N) {
+int VecTrueILength(uint64_t pattern_field, int N) {
+  if (pattern_field > 31) return 0;
+  const int pattern = static_cast<int>(pattern_field);
   if (pattern == 0) {
     int p = 1;
-    while (p * 2 <= N) p *= 2;
+    while (p <= N / 2) p *= 2;
     return p;
   }
   if (pattern >= 1 && pattern <= 8) return pattern <= N ? pattern : 0;

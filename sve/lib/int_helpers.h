@@ -137,4 +137,4 @@ u128 SatQBigInt(BigInt v, int N, int is_unsigned);
 
 // ---- predicate constraint patterns ------------------------------------------------
 // The number of elements that pattern (0 to 31) selects among N.
-int VecTrueILength(int pattern, int N);
+int VecTrueILength(uint64_t pattern, int N);
