@@ -1,5 +1,6 @@
 // The predicate flag setters of both roads and the active-element searches.
 
+#include "decode_decls.h"
 #include "sve/predicate/pred_flags.h"
 
 template <typename T>
@@ -100,3 +101,13 @@ void PredSetNCV(PredV mask, PredV result, int esize, CpuContext* c) {
 
 int FindFirstActive(PredV p, int esize, CpuContext* c) { return first_active(p, Elements(esize, c)); }
 int FindLastActive(PredV p, int esize, CpuContext* c) { return last_active(p, Elements(esize, c)); }
+
+// PTEST has no element size: it tests at byte lanes.
+extern "C" aarch64_decode_rc sve_ptest_pp(cpu_state* cs, aarch64_p_reg pg, aarch64_p_reg pn) {
+  sve_ptest<signed char>(cs, reinterpret_cast<const char*>(cs->p[pg.number]),
+                         reinterpret_cast<const char*>(cs->p[pn.number]));
+  return AARCH64_DECODE_OK;
+}
+
+// The generic twin of PTEST, which no row reaches.
+extern "C" void VecPTestPZ(PredV g, PredV r, CpuContext* c) { PredSetNZCV(g, r, 8, c); }

@@ -1,0 +1,246 @@
+// Corners of the predicate instructions and the integer compares that random
+// operands reach rarely or never: range edges of WHILE, immediate edges of the
+// compares, breaks with nothing active, FFR written with any value.
+// The differential test against the reference processor covers the rest.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <vector>
+
+#include "sve/predicate/pred_flags.h"
+#include "test_state.h"
+
+namespace {
+
+using quern_test::random_state;
+using quern_test::run_word;
+
+constexpr uint32_t N = kFlagN, Z = kFlagZ, C = kFlagC;
+
+// 48 predicate bytes with lanes 0..count-1 of E bytes set.
+std::vector<unsigned char> run_of(unsigned count, unsigned e) {
+  std::vector<unsigned char> p(48, 0);
+  for (unsigned i = 0; i < count; ++i) p[i * e] = 1;
+  return p;
+}
+std::vector<unsigned char> bytes_of(const unsigned char* p) { return {p, p + 48}; }
+
+// Flags of a result under an all-true governing predicate.
+uint32_t all_true_flags(const std::vector<unsigned char>& r, unsigned e) {
+  bool any = false;
+  for (unsigned i = 0; i < 48; i += e) any |= r[i];
+  return (r[0] ? N : 0) | (any ? 0 : Z) | (r[48 - e] ? 0 : C);
+}
+
+uint32_t while_word(unsigned size, bool x, bool u, bool eq, unsigned rn, unsigned rm) {
+  return 0x25200401u | size << 22 | rm << 16 | unsigned{x} << 12 | unsigned{u} << 11 | rn << 5 | unsigned{eq} << 4;
+}
+
+struct WhileCase {
+  const char* what;
+  bool x, u, eq;          // X view, unsigned, or-equal
+  unsigned size;          // element size code
+  uint64_t a, b;
+  unsigned count;         // leading active lanes
+};
+
+TEST(PredWhile, RangeEdgesBothRoads) {
+  const uint64_t kMax64 = ~0ull, kSMax64 = 0x7FFFFFFFFFFFFFFFull, kSMin64 = 0x8000000000000000ull;
+  const WhileCase cases[] = {
+      {"LT 0 < 5", true, false, false, 0, 0, 5, 5},
+      {"LT equal", true, false, false, 0, 9, 9, 0},
+      {"LE equal", true, false, true, 0, 9, 9, 1},
+      {"LO 47..95 fills the vector", true, true, false, 0, 47, 95, 48},
+      {"LO 48..95 one short", true, true, false, 0, 48, 95, 47},
+      {"LT across zero", true, false, false, 0, uint64_t(-2), 2, 4},
+      {"LT from the bottom to the top", true, false, false, 0, kSMin64, kSMax64, 48},
+      {"LT a above b", true, false, false, 1, 5, uint64_t(-5), 0},
+      {"LO a above b (unsigned)", true, true, false, 1, uint64_t(-5), 5, 0},
+      {"LS to the top, near the top", true, true, true, 0, kMax64 - 3, kMax64, 48},
+      {"LS below the top, near it", true, true, true, 0, kMax64 - 3, kMax64 - 1, 3},
+      {"LE to the top, near it", true, false, true, 0, kSMax64 - 1, kSMax64, 48},
+      {"LE below the top", true, false, true, 2, kSMax64 - 3, kSMax64 - 1, 3},
+      {"LE W to the top", false, false, true, 3, 0x7FFFFFF0, 0x7FFFFFFF, 6},
+      {"LE W ignores the upper halves", false, false, true, 0, 0x123456787FFFFFFDull, 0xFFFFFFFF7FFFFFFEull, 2},
+      {"LS W to the top wraps harmlessly", false, true, true, 0, 0xFFFFFFF0, 0xFFFFFFFF, 48},
+      {"LT W upper bits ignored", false, false, false, 0, 0xFFFFFFFF00000000ull, 3, 3},
+      {"LT W negative a", false, false, false, 1, 0x00000000FFFFFFFEull, 1, 3},
+      {"LO W: a is large unsigned", false, true, false, 0, 0xFFFFFFFE, 1, 0},
+      {"LO doublewords", true, true, false, 3, 0, 100, 6},
+      {"LS halfwords", true, true, true, 1, 10, 20, 11},
+  };
+  std::mt19937_64 rng(11);
+  for (const WhileCase& k : cases) {
+    cpu_state s;
+    random_state(s, rng);
+    s.x[2] = k.a;
+    s.x[3] = k.b;
+    const uint32_t w = while_word(k.size, k.x, k.u, k.eq, 2, 3);
+    ASSERT_EQ(run_word(s, w), AARCH64_DECODE_OK) << k.what;
+    const auto want = run_of(k.count, 1u << k.size);
+    EXPECT_EQ(bytes_of(s.p[1]), want) << k.what;
+    EXPECT_EQ(s.nzcv & kFlagsNZCV, all_true_flags(want, 1u << k.size)) << k.what;
+  }
+}
+
+TEST(PredWhile, RegisterThirtyOneReadsZero) {
+  cpu_state s;
+  std::mt19937_64 rng(3);
+  random_state(s, rng);
+  s.sp = 2;
+  s.x[3] = 5;
+  ASSERT_EQ(run_word(s, 0x252317e1u), AARCH64_DECODE_OK);   // whilelt p1.b, xzr, x3
+  EXPECT_EQ(bytes_of(s.p[1]), run_of(5, 1));
+}
+
+struct CompareCase {
+  const char* what;
+  uint32_t word;                  // Pd = p1, Pg = p2, Zn = z3, Zm = z4
+  unsigned size;                  // element size code of Zn
+  std::vector<uint64_t> zn, zm;   // leading lanes; zm at 64 bits for the wide forms
+  std::vector<int> want;          // leading result lanes; the others are 0 (Zn lanes are 0)
+};
+
+TEST(IntCompare, ImmediateAndWideEdges) {
+  const CompareCase cases[] = {
+      {"cmphi .b #127", 0x243fc871u, 0, {127, 128, 255, 0}, {}, {0, 1, 1, 0}},
+      {"cmpgt .b #-1", 0x251f0871u, 0, {0, 0xFF, 0x80, 0x7F}, {}, {1, 0, 0, 1}},
+      {"cmpge .b #-16 (generic)", 0x25100861u, 0, {0xF0, 0xEF, 0x0F, 0x80}, {}, {1, 0, 1, 0}},
+      {"cmplt .b #15", 0x250f2861u, 0, {0x0F, 0x0E, 0x80, 0x7F}, {}, {0, 1, 1, 0}},
+      {"cmpeq .h #-16", 0x25508861u, 1, {0xFFF0, 0x00F0, 0xFFF0}, {}, {1, 0, 1}},
+      {"cmplo .d #0", 0x24e02861u, 3, {0, 1, ~0ull}, {}, {0, 0, 0}},
+      {"cmpls .s #127 (generic)", 0x24bfe871u, 2, {127, 128, 0xFFFFFFFF, 0}, {}, {1, 0, 0, 1}},
+      {"cmphs .h #0 (generic)", 0x24600861u, 1, {0, 0xFFFF}, {}, {1, 1}},
+      {"cmple .d #15", 0x25cf2871u, 3, {15, 16, 0x8000000000000000ull}, {}, {1, 0, 1}},
+      // Wide: lanes 0, 1 of .s meet doubleword 0, lanes 2, 3 doubleword 1.
+      {"cmpeq .s wide sign-extends", 0x24842861u, 2, {0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF, 0xFFFFFFFF},
+       {~0ull, 0x00000000FFFFFFFFull}, {1, 1, 0, 0}},
+      {"cmplo .s wide", 0x2484e861u, 2, {0xFFFFFFFF, 0, 0xFFFFFFFF}, {0x100000000ull, 0}, {1, 1, 0}},
+      {"cmplt .b wide: lane 8 meets doubleword 1", 0x24046861u, 0,
+       {0x80, 0, 0, 0, 0, 0, 0, 0x80, 0x7F}, {0xFFFFFFFFFFFFFF80ull, 0x80}, {0, 0, 0, 0, 0, 0, 0, 0, 1}},
+      {"cmphi .h wide", 0x2444c871u, 1, {0xFFFF, 1}, {0xFFFE, 0}, {1, 0}},
+  };
+  std::mt19937_64 rng(5);
+  for (const CompareCase& k : cases) {
+    for (bool pd_is_pg : {false, true}) {
+      cpu_state s;
+      random_state(s, rng);
+      const unsigned e = 1u << k.size;
+      std::memset(s.z[3], 0, 48);
+      std::memset(s.z[4], 0, 48);
+      for (size_t i = 0; i < k.zn.size(); ++i) std::memcpy(s.z[3] + i * e, &k.zn[i], e);
+      for (size_t i = 0; i < k.zm.size(); ++i) std::memcpy(s.z[4] + i * 8, &k.zm[i], 8);
+      std::memset(s.p[2], 1, 48);
+      std::memset(s.p[1], 1, 48);   // stray bytes of a wide lane must not survive
+      const uint32_t w = pd_is_pg ? (k.word & ~0xFu) | 2u : k.word;
+      ASSERT_EQ(run_word(s, w), AARCH64_DECODE_OK) << k.what;
+      // The listed lanes, and 0 in every byte of a lane but its first.
+      const unsigned char* got = s.p[pd_is_pg ? 2 : 1];
+      for (unsigned i = 0; i < k.want.size(); ++i) EXPECT_EQ(got[i * e], k.want[i]) << k.what << " lane " << i;
+      for (unsigned b = 0; b < 48; ++b)
+        if (b % e) {
+          EXPECT_EQ(got[b], 0) << k.what << " byte " << b;
+        }
+    }
+  }
+}
+
+// Helpers for the predicate-only instructions: p1 = Pd, p2 = Pg, p3 = Pn.
+struct PredState {
+  cpu_state s;
+  explicit PredState(uint64_t seed) {
+    std::mt19937_64 rng(seed);
+    random_state(s, rng);
+  }
+  void set(unsigned p, std::initializer_list<unsigned> on) {
+    std::memset(s.p[p], 0, 48);
+    for (unsigned b : on) s.p[p][b] = 1;
+  }
+};
+
+TEST(PredBreak, NothingActive) {
+  {   // BRKA /Z with an empty Pg: all false; /M: Pd unchanged
+    PredState m(1);
+    m.set(2, {});
+    const auto old = bytes_of(m.s.p[1]);
+    ASSERT_EQ(run_word(m.s, 0x25104861u), AARCH64_DECODE_OK);   // brka p1.b, p2/z, p3.b
+    EXPECT_EQ(bytes_of(m.s.p[1]), std::vector<unsigned char>(48, 0));
+    std::memcpy(m.s.p[1], old.data(), 48);
+    ASSERT_EQ(run_word(m.s, 0x25104871u), AARCH64_DECODE_OK);   // brka p1.b, p2/m, p3.b
+    EXPECT_EQ(bytes_of(m.s.p[1]), old);
+  }
+  {   // BRKNS with an empty Pg clears Pdm, flags from Pdm alone
+    PredState m(2);
+    m.set(2, {});
+    m.set(1, {0, 47});
+    ASSERT_EQ(run_word(m.s, 0x25584861u), AARCH64_DECODE_OK);   // brkns p1.b, p2/z, p3.b, p1.b
+    EXPECT_EQ(bytes_of(m.s.p[1]), std::vector<unsigned char>(48, 0));
+    EXPECT_EQ(m.s.nzcv & kFlagsNZCV, Z | C);
+  }
+  {   // BRKNS keeping Pdm: flags from Pdm, not from Pg
+    PredState m(3);
+    m.set(2, {5});
+    m.set(3, {5});
+    m.set(1, {0, 30});
+    ASSERT_EQ(run_word(m.s, 0x25584861u), AARCH64_DECODE_OK);
+    EXPECT_EQ(bytes_of(m.s.p[1])[30], 1);
+    EXPECT_EQ(m.s.nzcv & kFlagsNZCV, N | C);
+  }
+  {   // PNEXT .d with Pdn at the top lane: all false, Z
+    PredState m(4);
+    std::memset(m.s.p[2], 1, 48);
+    m.set(1, {40});
+    ASSERT_EQ(run_word(m.s, 0x25d9c441u), AARCH64_DECODE_OK);   // pnext p1.d, p2, p1.d
+    EXPECT_EQ(bytes_of(m.s.p[1]), std::vector<unsigned char>(48, 0));
+    EXPECT_EQ(m.s.nzcv & kFlagsNZCV, Z | C);
+  }
+  {   // PNEXT .d sees only bytes 0, 8, ...: stray bytes of Pg and Pdn are ignored
+    PredState m(5);
+    m.set(2, {3, 9, 16, 24});
+    m.set(1, {0, 12});
+    ASSERT_EQ(run_word(m.s, 0x25d9c441u), AARCH64_DECODE_OK);
+    std::vector<unsigned char> want(48, 0);
+    want[16] = 1;
+    EXPECT_EQ(bytes_of(m.s.p[1]), want);
+  }
+  {   // PFIRST keeps every other lane, below the first active one too
+    PredState m(6);
+    m.set(2, {7, 9});
+    m.set(1, {2, 40});
+    ASSERT_EQ(run_word(m.s, 0x2558c041u), AARCH64_DECODE_OK);   // pfirst p1.b, p2, p1.b
+    std::vector<unsigned char> want(48, 0);
+    want[2] = want[7] = want[40] = 1;
+    EXPECT_EQ(bytes_of(m.s.p[1]), want);
+    EXPECT_EQ(m.s.nzcv & kFlagsNZCV, N | C);
+  }
+}
+
+// FFR takes what WRFFR writes, even a predicate that is not a run from bit 0.
+TEST(PredFfr, WriteReadAtFaceValue) {
+  PredState m(7);
+  m.set(1, {1, 4, 47});
+  ASSERT_EQ(run_word(m.s, 0x25289020u), AARCH64_DECODE_OK);   // wrffr p1.b
+  m.set(1, {});
+  ASSERT_EQ(run_word(m.s, 0x2519f001u), AARCH64_DECODE_OK);   // rdffr p1.b
+  std::vector<unsigned char> want(48, 0);
+  want[1] = want[4] = want[47] = 1;
+  EXPECT_EQ(bytes_of(m.s.p[1]), want);
+  EXPECT_EQ(bytes_of(m.s.ffr), want);
+  ASSERT_EQ(run_word(m.s, 0x252c9000u), AARCH64_DECODE_OK);   // setffr
+  EXPECT_EQ(bytes_of(m.s.ffr), std::vector<unsigned char>(48, 1));
+}
+
+TEST(PredCount, CntpToXzrAndWideLanes) {
+  PredState m(8);
+  std::memset(m.s.p[2], 1, 48);
+  m.set(3, {0, 1, 8, 17, 40});
+  ASSERT_EQ(run_word(m.s, 0x25e08861u), AARCH64_DECODE_OK);   // cntp x1, p2, p3.d
+  EXPECT_EQ(m.s.x[1], 3u);
+  const cpu_state before = m.s;
+  ASSERT_EQ(run_word(m.s, 0x25e0887fu), AARCH64_DECODE_OK);   // cntp xzr, p2, p3.d
+  m.s.encoding = before.encoding;
+  EXPECT_EQ(std::memcmp(&before, &m.s, sizeof before), 0) << quern_test::describe_diff(before, m.s);
+}
+
+}  // namespace
