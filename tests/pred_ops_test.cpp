@@ -146,6 +146,30 @@ TEST(IntCompare, ImmediateAndWideEdges) {
   }
 }
 
+// PTRUE (fast) and PTRUES (generic) give the same lanes; PTRUES's flags
+// depend on the count alone.
+TEST(PredTrue, PatternCornersBothRoads) {
+  struct {
+    unsigned size, pattern, count;
+  } const cases[] = {
+      {3, 7, 0},  {3, 6, 6},   {3, 29, 4},  {0, 15, 0},  {0, 0, 32},  {1, 9, 16},
+      {2, 9, 0},  {0, 31, 48}, {2, 30, 12}, {0, 20, 0},  {1, 13, 0},  {0, 10, 32},
+  };
+  std::mt19937_64 rng(9);
+  for (const auto& k : cases) {
+    for (bool flags : {false, true}) {
+      cpu_state s;
+      random_state(s, rng);
+      const uint64_t nzcv = s.nzcv;
+      const uint32_t w = 0x2518e001u | k.size << 22 | unsigned{flags} << 16 | k.pattern << 5;   // ptrue(s) p1
+      ASSERT_EQ(run_word(s, w), AARCH64_DECODE_OK);
+      const auto want = run_of(k.count, 1u << k.size);
+      EXPECT_EQ(bytes_of(s.p[1]), want) << "size " << k.size << " pattern " << k.pattern;
+      EXPECT_EQ(s.nzcv, flags ? (k.count ? N : Z | C) : nzcv) << "size " << k.size << " pattern " << k.pattern;
+    }
+  }
+}
+
 // Helpers for the predicate-only instructions: p1 = Pd, p2 = Pg, p3 = Pn.
 struct PredState {
   cpu_state s;

@@ -1,10 +1,11 @@
 // Predicate logic (AND, BIC, EOR, ORR, NOR, NAND, ORN and their flag-setting
-// forms), SEL, PFALSE, CNTP and the first-fault register.
+// forms), SEL, PFALSE, PTRUE, PTRUES, CNTP and the first-fault register.
 //
 // The fast handlers work on whole predicate bytes, eight at a time; the
 // flag-setting forms, NAND and ORN go down the generic road on packed bits.
 
 #include "decode_decls.h"
+#include "sve/lib/int_helpers.h"
 #include "sve/predicate/pred_flags.h"
 #include "sve/predicate/pred_lanes.h"
 
@@ -99,6 +100,17 @@ aarch64_decode_rc sve_pfalse_p(cpu_state* cs, aarch64_p_reg pd) {
   return AARCH64_DECODE_OK;
 }
 
+// The first VecTrueILength(pattern, lanes) lanes set, as values of the lane's
+// width: the other predicate bytes of every lane are cleared.
+aarch64_decode_rc sve_ptrue_pi(cpu_state* cs, aarch64_p_reg pd, unsigned int pattern) {
+  const unsigned e = pd.size == kPH ? 2 : pd.size == kPS ? 4 : pd.size == kPD ? 8 : 1;
+  const int count = VecTrueILength(static_cast<int>(pattern & 31), static_cast<int>(kVecBytes / e));
+  unsigned char out[kVecBytes] = {};
+  for (int i = 0; i < count; ++i) out[i * e] = 1;
+  std::memcpy(cs->p[pd.number], out, kVecBytes);
+  return AARCH64_DECODE_OK;
+}
+
 // Xd = the number of lanes active in both Pg and Pn, at Pn's element size.
 aarch64_decode_rc sve_cntp_rpp(cpu_state* cs, aarch64_i_reg xd, aarch64_p_reg pg, aarch64_p_reg pn) {
   const auto count = [&](uint64_t lanes) {
@@ -131,6 +143,24 @@ QUERN_PRED_LOGIC(OrN, orn_op)
 
 PredV VecPNandPPZ(PredV g, PredV n, PredV m, CpuContext* c) { return logic_packed(g, n, m, c, nand_op{}); }
 PredV VecPOrNPPZ(PredV g, PredV n, PredV m, CpuContext* c) { return logic_packed(g, n, m, c, orn_op{}); }
+
+// PTRUES: the lanes of PTRUE at the context's vector length, with flags that
+// test the result under itself.
+#define QUERN_PTRUES(BITS)                                                        \
+  PredV VecP##BITS##TrueFlgI(uint64_t pattern, CpuContext* c) {                  \
+    constexpr unsigned e = BITS / 8;                                             \
+    const int lanes = static_cast<int>(pred::vl_bytes(c) / e);                   \
+    const int count = VecTrueILength(static_cast<int>(pattern & 31), lanes);     \
+    PredV r{};                                                                   \
+    for (int i = 0; i < count; ++i) pred::set_bit(r, static_cast<unsigned>(i) * e, true); \
+    PredSetNZCV(r, r, BITS, c);                                                  \
+    return r;                                                                    \
+  }
+QUERN_PTRUES(8)
+QUERN_PTRUES(16)
+QUERN_PTRUES(32)
+QUERN_PTRUES(64)
+#undef QUERN_PTRUES
 
 // ---- the first-fault register ---------------------------------------------
 // SETFFR sets every bit (no fault recorded). WRFFR copies its operand as it
