@@ -6,9 +6,11 @@
 
 #include <cstring>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "sve/predicate/pred_flags.h"
+#include "sve/predicate/pred_while.h"
 #include "test_state.h"
 
 namespace {
@@ -81,6 +83,64 @@ TEST(PredWhile, RangeEdgesBothRoads) {
     const auto want = run_of(k.count, 1u << k.size);
     EXPECT_EQ(bytes_of(s.p[1]), want) << k.what;
     EXPECT_EQ(s.nzcv & kFlagsNZCV, all_true_flags(want, 1u << k.size)) << k.what;
+  }
+}
+
+// The architecture's definition: a counter of the register's width, wrapping,
+// compared lane by lane, the run ending at the first failure.
+unsigned while_model(bool u, bool eq, bool x, unsigned lanes, uint64_t a, uint64_t b) {
+  const uint64_t mask = x ? ~0ull : 0xFFFFFFFFull;
+  const auto value = [&](uint64_t v) -> __int128 {
+    v &= mask;
+    if (u) return v;
+    return x ? static_cast<__int128>(static_cast<int64_t>(v)) : static_cast<__int128>(static_cast<int32_t>(v));
+  };
+  unsigned count = 0;
+  for (uint64_t e = 0, cnt = a; e < lanes; ++e, cnt = (cnt + 1) & mask) {
+    const bool cond = eq ? value(cnt) <= value(b) : value(cnt) < value(b);
+    if (!cond) break;
+    ++count;
+  }
+  return count;
+}
+
+// Both roads (the fast handlers and signed LE through their rows, all 32
+// generic routines called directly) against the definition, on operands
+// crowded at the range edges.
+TEST(PredWhile, BothRoadsAgreeWithTheDefinition) {
+  using Fn = PredV (*)(uint64_t, uint64_t, CpuContext*);
+#define QUERN_W(TY) {Vec##TY##While4LTSS, Vec##TY##While8LTSS, Vec##TY##While4LESS, Vec##TY##While8LESS}
+  const Fn routines[2][4][4] = {{QUERN_W(S8), QUERN_W(S16), QUERN_W(S32), QUERN_W(S64)},
+                                {QUERN_W(U8), QUERN_W(U16), QUERN_W(U32), QUERN_W(U64)}};
+#undef QUERN_W
+  const uint64_t edges[] = {0, 1, 2, 47, 0x7FFFFFFE, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFE, 0xFFFFFFFF,
+                            0x100000000ull, 0x7FFFFFFFFFFFFFFEull, 0x7FFFFFFFFFFFFFFFull,
+                            0x8000000000000000ull, ~0ull - 1, ~0ull};
+  std::mt19937_64 rng(13);
+  const auto draw = [&]() -> uint64_t {
+    const unsigned k = rng() % 3;
+    return k == 0 ? rng() : k == 1 ? edges[rng() % 15] : edges[rng() % 15] + rng() % 64 - 32;
+  };
+  for (int t = 0; t < 20000; ++t) {
+    const bool u = rng() & 1, x = rng() & 1, eq = rng() & 1;
+    const unsigned size = rng() % 4, e = 1u << size;
+    cpu_state s;
+    random_state(s, rng);
+    s.x[2] = draw();
+    s.x[3] = rng() % 2 ? draw() : s.x[2] + rng() % 100 - 50;
+    const auto want = run_of(while_model(u, eq, x, 48 / e, s.x[2], s.x[3]), e);
+    const std::string what = "u " + std::to_string(u) + " x " + std::to_string(x) + " eq " + std::to_string(eq) +
+                             " size " + std::to_string(size) + " a " + std::to_string(s.x[2]) + " b " +
+                             std::to_string(s.x[3]);
+    ASSERT_EQ(run_word(s, while_word(size, x, u, eq, 2, 3)), AARCH64_DECODE_OK);
+    ASSERT_EQ(bytes_of(s.p[1]), want) << what;
+    ASSERT_EQ(s.nzcv & kFlagsNZCV, all_true_flags(want, e)) << what;
+    CpuContext c{};
+    c.vl = kVecUnits;
+    unsigned char got[48];
+    unpack_pred(routines[u][size][eq * 2 + x](s.x[2], s.x[3], &c), got);
+    ASSERT_EQ(bytes_of(got), want) << what << " (generic)";
+    ASSERT_EQ(c.nzcv, all_true_flags(want, e)) << what << " (generic)";
   }
 }
 

@@ -15,6 +15,7 @@
 #include "decode_decls.h"
 #include "sve/predicate/pred_flags.h"
 #include "sve/predicate/pred_lanes.h"
+#include "sve/predicate/pred_while.h"
 
 namespace {
 
@@ -89,19 +90,25 @@ aarch64_decode_rc sve_whilels_prr(cpu_state* cs, aarch64_p_reg pd, aarch64_i_reg
   return while_prr<uint32_t, uint64_t, true>(cs, pd, rn, rm);
 }
 
-// WHILELE, signed, the only comparison without a fast handler:
-// VecS<esize>While<4|8>LESS.
-#define QUERN_WHILE_LE(BITS, E)                                                  \
-  PredV VecS##BITS##While4LESS(uint64_t a, uint64_t b, CpuContext* c) {          \
-    return while_ss<int32_t, true, E>(a, b, c);                                  \
+// Vec<S|U><esize>While<4|8><LT|LE>SS. Only the signed LE forms have rows of
+// their own; the others are the generic twins of the fast handlers.
+#define QUERN_WHILE(TY, BITS, CMP, EQ, R32, R64)                                 \
+  PredV Vec##TY##BITS##While4##CMP##SS(uint64_t a, uint64_t b, CpuContext* c) {  \
+    return while_ss<R32, EQ, BITS / 8>(a, b, c);                                 \
   }                                                                              \
-  PredV VecS##BITS##While8LESS(uint64_t a, uint64_t b, CpuContext* c) {          \
-    return while_ss<int64_t, true, E>(a, b, c);                                  \
+  PredV Vec##TY##BITS##While8##CMP##SS(uint64_t a, uint64_t b, CpuContext* c) {  \
+    return while_ss<R64, EQ, BITS / 8>(a, b, c);                                 \
   }
-QUERN_WHILE_LE(8, 1)
-QUERN_WHILE_LE(16, 2)
-QUERN_WHILE_LE(32, 4)
-QUERN_WHILE_LE(64, 8)
-#undef QUERN_WHILE_LE
+#define QUERN_WHILE_ALL(BITS)                                                    \
+  QUERN_WHILE(S, BITS, LT, false, int32_t, int64_t)                              \
+  QUERN_WHILE(S, BITS, LE, true, int32_t, int64_t)                               \
+  QUERN_WHILE(U, BITS, LT, false, uint32_t, uint64_t)                            \
+  QUERN_WHILE(U, BITS, LE, true, uint32_t, uint64_t)
+QUERN_WHILE_ALL(8)
+QUERN_WHILE_ALL(16)
+QUERN_WHILE_ALL(32)
+QUERN_WHILE_ALL(64)
+#undef QUERN_WHILE_ALL
+#undef QUERN_WHILE
 
 }  // extern "C"
