@@ -1,6 +1,6 @@
 // Corners of the predicate instructions and the integer compares that random
 // operands reach rarely or never: range edges of WHILE, immediate edges of the
-// compares, breaks with nothing active, FFR written with any value.
+// compares, breaks with nothing active.
 // The differential test against the reference processor covers the rest.
 #include <gtest/gtest.h>
 
@@ -37,53 +37,6 @@ uint32_t all_true_flags(const std::vector<unsigned char>& r, unsigned e) {
 
 uint32_t while_word(unsigned size, bool x, bool u, bool eq, unsigned rn, unsigned rm) {
   return 0x25200401u | size << 22 | rm << 16 | unsigned{x} << 12 | unsigned{u} << 11 | rn << 5 | unsigned{eq} << 4;
-}
-
-struct WhileCase {
-  const char* what;
-  bool x, u, eq;          // X view, unsigned, or-equal
-  unsigned size;          // element size code
-  uint64_t a, b;
-  unsigned count;         // leading active lanes
-};
-
-TEST(PredWhile, RangeEdgesBothRoads) {
-  const uint64_t kMax64 = ~0ull, kSMax64 = 0x7FFFFFFFFFFFFFFFull, kSMin64 = 0x8000000000000000ull;
-  const WhileCase cases[] = {
-      {"LT 0 < 5", true, false, false, 0, 0, 5, 5},
-      {"LT equal", true, false, false, 0, 9, 9, 0},
-      {"LE equal", true, false, true, 0, 9, 9, 1},
-      {"LO 47..95 fills the vector", true, true, false, 0, 47, 95, 48},
-      {"LO 48..95 one short", true, true, false, 0, 48, 95, 47},
-      {"LT across zero", true, false, false, 0, uint64_t(-2), 2, 4},
-      {"LT from the bottom to the top", true, false, false, 0, kSMin64, kSMax64, 48},
-      {"LT a above b", true, false, false, 1, 5, uint64_t(-5), 0},
-      {"LO a above b (unsigned)", true, true, false, 1, uint64_t(-5), 5, 0},
-      {"LS to the top, near the top", true, true, true, 0, kMax64 - 3, kMax64, 48},
-      {"LS below the top, near it", true, true, true, 0, kMax64 - 3, kMax64 - 1, 3},
-      {"LE to the top, near it", true, false, true, 0, kSMax64 - 1, kSMax64, 48},
-      {"LE below the top", true, false, true, 2, kSMax64 - 3, kSMax64 - 1, 3},
-      {"LE W to the top", false, false, true, 3, 0x7FFFFFF0, 0x7FFFFFFF, 6},
-      {"LE W ignores the upper halves", false, false, true, 0, 0x123456787FFFFFFDull, 0xFFFFFFFF7FFFFFFEull, 2},
-      {"LS W to the top wraps harmlessly", false, true, true, 0, 0xFFFFFFF0, 0xFFFFFFFF, 48},
-      {"LT W upper bits ignored", false, false, false, 0, 0xFFFFFFFF00000000ull, 3, 3},
-      {"LT W negative a", false, false, false, 1, 0x00000000FFFFFFFEull, 1, 3},
-      {"LO W: a is large unsigned", false, true, false, 0, 0xFFFFFFFE, 1, 0},
-      {"LO doublewords", true, true, false, 3, 0, 100, 6},
-      {"LS halfwords", true, true, true, 1, 10, 20, 11},
-  };
-  std::mt19937_64 rng(11);
-  for (const WhileCase& k : cases) {
-    cpu_state s;
-    random_state(s, rng);
-    s.x[2] = k.a;
-    s.x[3] = k.b;
-    const uint32_t w = while_word(k.size, k.x, k.u, k.eq, 2, 3);
-    ASSERT_EQ(run_word(s, w), AARCH64_DECODE_OK) << k.what;
-    const auto want = run_of(k.count, 1u << k.size);
-    EXPECT_EQ(bytes_of(s.p[1]), want) << k.what;
-    EXPECT_EQ(s.nzcv & kFlagsNZCV, all_true_flags(want, 1u << k.size)) << k.what;
-  }
 }
 
 // The architecture's definition: a counter of the register's width, wrapping,
@@ -159,7 +112,7 @@ struct CompareCase {
   uint32_t word;                  // Pd = p1, Pg = p2, Zn = z3, Zm = z4
   unsigned size;                  // element size code of Zn
   std::vector<uint64_t> zn, zm;   // leading lanes; zm at 64 bits for the wide forms
-  std::vector<int> want;          // leading result lanes; the others are 0 (Zn lanes are 0)
+  std::vector<int> want;          // leading result lanes; later lanes are not checked
 };
 
 TEST(IntCompare, ImmediateAndWideEdges) {
@@ -206,125 +159,66 @@ TEST(IntCompare, ImmediateAndWideEdges) {
   }
 }
 
-// PTRUE (fast) and PTRUES (generic) give the same lanes; PTRUES's flags
-// depend on the count alone.
-TEST(PredTrue, PatternCornersBothRoads) {
-  struct {
-    unsigned size, pattern, count;
-  } const cases[] = {
-      {3, 7, 0},  {3, 6, 6},   {3, 29, 4},  {0, 15, 0},  {0, 0, 32},  {1, 9, 16},
-      {2, 9, 0},  {0, 31, 48}, {2, 30, 12}, {0, 20, 0},  {1, 13, 0},  {0, 10, 32},
-  };
-  std::mt19937_64 rng(9);
-  for (const auto& k : cases) {
-    for (bool flags : {false, true}) {
-      cpu_state s;
-      random_state(s, rng);
-      const uint64_t nzcv = s.nzcv;
-      const uint32_t w = 0x2518e001u | k.size << 22 | unsigned{flags} << 16 | k.pattern << 5;   // ptrue(s) p1
-      ASSERT_EQ(run_word(s, w), AARCH64_DECODE_OK);
-      const auto want = run_of(k.count, 1u << k.size);
-      EXPECT_EQ(bytes_of(s.p[1]), want) << "size " << k.size << " pattern " << k.pattern;
-      EXPECT_EQ(s.nzcv, flags ? (k.count ? N : Z | C) : nzcv) << "size " << k.size << " pattern " << k.pattern;
-    }
-  }
+// p1 = Pd (or Pdn, Pdm), p2 = Pg, p3 = Pn, p4 = Pm. Lists name the predicate
+// bytes set to 1; kAll sets all 48.
+const std::vector<unsigned> kAll{99};
+
+void set_pred(unsigned char* p, const std::vector<unsigned>& on) {
+  std::memset(p, 0, 48);
+  if (on == kAll) std::memset(p, 1, 48);
+  else for (unsigned b : on) p[b] = 1;
 }
 
-// Helpers for the predicate-only instructions: p1 = Pd, p2 = Pg, p3 = Pn.
-struct PredState {
-  cpu_state s;
-  explicit PredState(uint64_t seed) {
-    std::mt19937_64 rng(seed);
-    random_state(s, rng);
-  }
-  void set(unsigned p, std::initializer_list<unsigned> on) {
-    std::memset(s.p[p], 0, 48);
-    for (unsigned b : on) s.p[p][b] = 1;
-  }
+struct PredCase {
+  const char* what;
+  uint32_t word;
+  std::vector<unsigned> d, g, n, m, want;
+  bool flags;
+  uint32_t nzcv;
 };
 
-TEST(PredBreak, NothingActive) {
-  {   // BRKA /Z with an empty Pg: all false; /M: Pd unchanged
-    PredState m(1);
-    m.set(2, {});
-    const auto old = bytes_of(m.s.p[1]);
-    ASSERT_EQ(run_word(m.s, 0x25104861u), AARCH64_DECODE_OK);   // brka p1.b, p2/z, p3.b
-    EXPECT_EQ(bytes_of(m.s.p[1]), std::vector<unsigned char>(48, 0));
-    std::memcpy(m.s.p[1], old.data(), 48);
-    ASSERT_EQ(run_word(m.s, 0x25104871u), AARCH64_DECODE_OK);   // brka p1.b, p2/m, p3.b
-    EXPECT_EQ(bytes_of(m.s.p[1]), old);
+TEST(PredBreak, NothingActiveAndOtherCorners) {
+  const PredCase cases[] = {
+      {"brka /z, empty Pg", 0x25104861u, {3}, {}, kAll, {}, {}, false, 0},
+      {"brka /m keeps inactive lanes", 0x25104871u, {3, 9}, {4, 5}, {}, {}, {3, 4, 5, 9}, false, 0},
+      {"brkb, Pn true at the first active lane", 0x25904861u, {}, {2, 3}, {2}, {}, {}, false, 0},
+      {"brkns, empty Pg clears Pdm", 0x25584861u, {0, 47}, {}, kAll, {}, {}, true, Z | C},
+      {"brkns keeps Pdm, flags from Pdm alone", 0x25584861u, {0, 30}, {5}, {5}, {}, {0, 30}, true, N | C},
+      {"brkpbs, Pn false at the last active lane", 0x2544c871u, {7}, {1, 5}, {1}, {}, {}, true, Z | C},
+      {"brkpbs stops before the first Pm", 0x2544c871u, {}, {1, 5, 9}, {9}, {9}, {1, 5}, true, N | C},
+      {"pnext .d, Pdn at the top lane", 0x25d9c441u, {40}, kAll, {}, {}, {}, true, Z | C},
+      {"pnext .d ignores stray bytes", 0x25d9c441u, {0, 12}, {3, 9, 16, 24}, {}, {}, {16}, true, N | C},
+      {"pfirst keeps the other lanes", 0x2558c041u, {2, 40}, {7, 9}, {}, {}, {2, 7, 40}, true, N | C},
+  };
+  std::mt19937_64 rng(1);
+  for (const PredCase& k : cases) {
+    cpu_state s;
+    random_state(s, rng);
+    const uint64_t nzcv = s.nzcv;
+    set_pred(s.p[1], k.d);
+    set_pred(s.p[2], k.g);
+    set_pred(s.p[3], k.n);
+    set_pred(s.p[4], k.m);
+    ASSERT_EQ(run_word(s, k.word), AARCH64_DECODE_OK) << k.what;
+    unsigned char want[48];
+    set_pred(want, k.want);
+    EXPECT_EQ(bytes_of(s.p[1]), bytes_of(want)) << k.what;
+    EXPECT_EQ(s.nzcv, k.flags ? k.nzcv : nzcv) << k.what;
   }
-  {   // BRKNS with an empty Pg clears Pdm, flags from Pdm alone
-    PredState m(2);
-    m.set(2, {});
-    m.set(1, {0, 47});
-    ASSERT_EQ(run_word(m.s, 0x25584861u), AARCH64_DECODE_OK);   // brkns p1.b, p2/z, p3.b, p1.b
-    EXPECT_EQ(bytes_of(m.s.p[1]), std::vector<unsigned char>(48, 0));
-    EXPECT_EQ(m.s.nzcv & kFlagsNZCV, Z | C);
-  }
-  {   // BRKNS keeping Pdm: flags from Pdm, not from Pg
-    PredState m(3);
-    m.set(2, {5});
-    m.set(3, {5});
-    m.set(1, {0, 30});
-    ASSERT_EQ(run_word(m.s, 0x25584861u), AARCH64_DECODE_OK);
-    EXPECT_EQ(bytes_of(m.s.p[1])[30], 1);
-    EXPECT_EQ(m.s.nzcv & kFlagsNZCV, N | C);
-  }
-  {   // PNEXT .d with Pdn at the top lane: all false, Z
-    PredState m(4);
-    std::memset(m.s.p[2], 1, 48);
-    m.set(1, {40});
-    ASSERT_EQ(run_word(m.s, 0x25d9c441u), AARCH64_DECODE_OK);   // pnext p1.d, p2, p1.d
-    EXPECT_EQ(bytes_of(m.s.p[1]), std::vector<unsigned char>(48, 0));
-    EXPECT_EQ(m.s.nzcv & kFlagsNZCV, Z | C);
-  }
-  {   // PNEXT .d sees only bytes 0, 8, ...: stray bytes of Pg and Pdn are ignored
-    PredState m(5);
-    m.set(2, {3, 9, 16, 24});
-    m.set(1, {0, 12});
-    ASSERT_EQ(run_word(m.s, 0x25d9c441u), AARCH64_DECODE_OK);
-    std::vector<unsigned char> want(48, 0);
-    want[16] = 1;
-    EXPECT_EQ(bytes_of(m.s.p[1]), want);
-  }
-  {   // PFIRST keeps every other lane, below the first active one too
-    PredState m(6);
-    m.set(2, {7, 9});
-    m.set(1, {2, 40});
-    ASSERT_EQ(run_word(m.s, 0x2558c041u), AARCH64_DECODE_OK);   // pfirst p1.b, p2, p1.b
-    std::vector<unsigned char> want(48, 0);
-    want[2] = want[7] = want[40] = 1;
-    EXPECT_EQ(bytes_of(m.s.p[1]), want);
-    EXPECT_EQ(m.s.nzcv & kFlagsNZCV, N | C);
-  }
-}
-
-// FFR takes what WRFFR writes, even a predicate that is not a run from bit 0.
-TEST(PredFfr, WriteReadAtFaceValue) {
-  PredState m(7);
-  m.set(1, {1, 4, 47});
-  ASSERT_EQ(run_word(m.s, 0x25289020u), AARCH64_DECODE_OK);   // wrffr p1.b
-  m.set(1, {});
-  ASSERT_EQ(run_word(m.s, 0x2519f001u), AARCH64_DECODE_OK);   // rdffr p1.b
-  std::vector<unsigned char> want(48, 0);
-  want[1] = want[4] = want[47] = 1;
-  EXPECT_EQ(bytes_of(m.s.p[1]), want);
-  EXPECT_EQ(bytes_of(m.s.ffr), want);
-  ASSERT_EQ(run_word(m.s, 0x252c9000u), AARCH64_DECODE_OK);   // setffr
-  EXPECT_EQ(bytes_of(m.s.ffr), std::vector<unsigned char>(48, 1));
 }
 
 TEST(PredCount, CntpToXzrAndWideLanes) {
-  PredState m(8);
-  std::memset(m.s.p[2], 1, 48);
-  m.set(3, {0, 1, 8, 17, 40});
-  ASSERT_EQ(run_word(m.s, 0x25e08861u), AARCH64_DECODE_OK);   // cntp x1, p2, p3.d
-  EXPECT_EQ(m.s.x[1], 3u);
-  const cpu_state before = m.s;
-  ASSERT_EQ(run_word(m.s, 0x25e0887fu), AARCH64_DECODE_OK);   // cntp xzr, p2, p3.d
-  m.s.encoding = before.encoding;
-  EXPECT_EQ(std::memcmp(&before, &m.s, sizeof before), 0) << quern_test::describe_diff(before, m.s);
+  cpu_state s;
+  std::mt19937_64 rng(8);
+  random_state(s, rng);
+  set_pred(s.p[2], kAll);
+  set_pred(s.p[3], {0, 1, 8, 17, 40});
+  ASSERT_EQ(run_word(s, 0x25e08861u), AARCH64_DECODE_OK);   // cntp x1, p2, p3.d
+  EXPECT_EQ(s.x[1], 3u);
+  const cpu_state before = s;
+  ASSERT_EQ(run_word(s, 0x25e0887fu), AARCH64_DECODE_OK);   // cntp xzr, p2, p3.d
+  s.encoding = before.encoding;
+  EXPECT_EQ(std::memcmp(&before, &s, sizeof before), 0) << quern_test::describe_diff(before, s);
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <cstring>
 
 #include "sve/dispatch/cpu_state.h"
-#include "sve/predicate/pred_flags.h"
 
 namespace pred {
 
@@ -38,16 +37,6 @@ inline PredV vl_mask(const CpuContext* c) {
     m.w[k] = bytes >= lo + 64 ? ~0ull : bytes <= lo ? 0 : (uint64_t{1} << (bytes - lo)) - 1;
   }
   return m;
-}
-
-// The lowest predicate bit of each element of `esize_bytes` bytes.
-inline uint64_t element_bits(unsigned esize_bytes) {
-  switch (esize_bytes) {
-    case 2: return 0x5555555555555555ull;
-    case 4: return 0x1111111111111111ull;
-    case 8: return 0x0101010101010101ull;
-    default: return ~0ull;
-  }
 }
 
 inline bool get_bit(const PredV& p, unsigned i) { return (p.w[i / 64] >> (i % 64)) & 1u; }
