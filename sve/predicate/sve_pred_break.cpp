@@ -52,38 +52,29 @@ aarch64_decode_rc brk_ab(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg, aarc
   return AARCH64_DECODE_OK;
 }
 
-// BRKA and BRKB at zeroing, on packed predicates.
-PredV brk_ab_packed(const PredV& g, const PredV& n, const CpuContext* c, bool after) {
+// BRKA and BRKB at zeroing, on packed predicates: the active lanes up to the
+// first true `stop`, that lane included (after) or not.
+PredV brk_ab_packed(const PredV& g, const PredV& stop, const CpuContext* c, bool after) {
   PredV r{};
   bool running = true;
   const unsigned bytes = pred::vl_bytes(c);
   for (unsigned i = 0; i < bytes; ++i) {
     if (!pred::get_bit(g, i)) continue;
-    if (!after) running = running && !pred::get_bit(n, i);
+    if (!after) running = running && !pred::get_bit(stop, i);
     pred::set_bit(r, i, running);
-    if (after) running = running && !pred::get_bit(n, i);
+    if (after) running = running && !pred::get_bit(stop, i);
   }
   return r;
 }
 
 // BRKPA and BRKPB: all false unless Pn is true at the last lane active in Pg;
-// then the active lanes up to the first true Pm, that lane included (after)
-// or not.
+// then the break of Pm.
 PredV brk_prev_packed(const PredV& g, const PredV& n, const PredV& m, const CpuContext* c, bool after) {
-  PredV r{};
-  const unsigned bytes = pred::vl_bytes(c);
   int last = -1;
-  for (unsigned i = 0; i < bytes; ++i)
+  for (unsigned i = 0, bytes = pred::vl_bytes(c); i < bytes; ++i)
     if (pred::get_bit(g, i)) last = static_cast<int>(i);
-  if (last < 0 || !pred::get_bit(n, static_cast<unsigned>(last))) return r;
-  bool running = true;
-  for (unsigned i = 0; i < bytes; ++i) {
-    if (!pred::get_bit(g, i)) continue;
-    if (!after) running = running && !pred::get_bit(m, i);
-    pred::set_bit(r, i, running);
-    if (after) running = running && !pred::get_bit(m, i);
-  }
-  return r;
+  if (last < 0 || !pred::get_bit(n, static_cast<unsigned>(last))) return PredV{};
+  return brk_ab_packed(g, m, c, after);
 }
 
 // PNEXT at lanes of E bytes: the first lane active in Pg above the last lane
