@@ -9,6 +9,7 @@
 
 #include "decode_decls.h"
 #include "sve/int/int2_lanes.h"
+#include "sve/lib/int_helpers.h"
 
 namespace {
 
@@ -35,8 +36,13 @@ struct msb_op {
 // The high half of the double-width product, signed or unsigned by the lane type.
 struct mulh_op {
   template <typename T> T operator()(T a, T b) const {
-    using Wide = std::conditional_t<std::is_signed_v<T>, __int128, unsigned __int128>;
-    return static_cast<T>((static_cast<Wide>(a) * static_cast<Wide>(b)) >> int2::kBits<T>);
+    constexpr int n = static_cast<int>(int2::kBits<T>);
+    constexpr int is_unsigned = std::is_signed_v<T> ? 0 : 1;
+    using U = std::make_unsigned_t<T>;
+    const s128 x = Int(static_cast<U>(a), n, is_unsigned), y = Int(static_cast<U>(b), n, is_unsigned);
+    // The low 128 bits of the product are enough: the high lane half lies below them.
+    const u128 product = static_cast<u128>(x) * static_cast<u128>(y);
+    return static_cast<T>(bits(ShiftRightInt(static_cast<s128>(product), n)));
   }
 };
 

@@ -9,6 +9,7 @@
 
 #include "decode_decls.h"
 #include "sve/int/int2_lanes.h"
+#include "sve/lib/int_helpers.h"
 
 namespace {
 
@@ -56,19 +57,17 @@ aarch64_decode_rc unpack_fast(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn,
   return AARCH64_DECODE_OK;
 }
 
-// Lanes with their units of `Unit` bytes in reverse order, merging.
-template <typename T, typename Unit>
-VecV reverse_units(const VecV& old, const PredV& p, const VecV& a, const CpuContext* c) {
-  constexpr unsigned units = sizeof(T) / sizeof(Unit);
+// The units of `unit` bytes of each active lane in reverse order; inactive
+// lanes keep the old destination.
+template <typename T>
+VecV reverse_units(const VecV& old, const PredV& p, const VecV& a, const CpuContext* c, int unit) {
   VecV r;
   const unsigned n = generic::lane_count<T>(c);
   for (unsigned i = 0; i < n; ++i) {
-    if (!generic::active<T>(p, i)) {
-      generic::set_lane<T>(r, i, generic::lane<T>(old, i));
-      continue;
-    }
-    for (unsigned u = 0; u < units; ++u)
-      generic::set_lane<Unit>(r, i * units + u, generic::lane<Unit>(a, i * units + units - 1 - u));
+    const T x = generic::active<T>(p, i)
+                    ? static_cast<T>(Reverse(generic::lane<T>(a, i), static_cast<int>(int2::kBits<T>), unit))
+                    : generic::lane<T>(old, i);
+    generic::set_lane<T>(r, i, x);
   }
   return r;
 }
@@ -237,11 +236,11 @@ aarch64_decode_rc sve_sunpkhi_s2d_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_
 // ---- generic road -----------------------------------------------------------------
 
 // REVB and REVH merge although their names carry no M.
-VecV VecU16Rev1V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint16_t, uint8_t>(o, p, a, c); }
-VecV VecU32Rev1V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint32_t, uint8_t>(o, p, a, c); }
-VecV VecU64Rev1V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint64_t, uint8_t>(o, p, a, c); }
-VecV VecU32Rev2V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint32_t, uint16_t>(o, p, a, c); }
-VecV VecU64Rev2V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint64_t, uint16_t>(o, p, a, c); }
+VecV VecU16Rev1V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint16_t>(o, p, a, c, 1); }
+VecV VecU32Rev1V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint32_t>(o, p, a, c, 1); }
+VecV VecU64Rev1V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint64_t>(o, p, a, c, 1); }
+VecV VecU32Rev2V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint32_t>(o, p, a, c, 2); }
+VecV VecU64Rev2V(VecV o, PredV p, VecV a, CpuContext* c) { return reverse_units<uint64_t>(o, p, a, c, 2); }
 
 VecV VecU8SpliceVV(PredV p, VecV a, VecV b, CpuContext* c) { return splice<uint8_t>(p, a, b, c); }
 VecV VecU16SpliceVV(PredV p, VecV a, VecV b, CpuContext* c) { return splice<uint16_t>(p, a, b, c); }

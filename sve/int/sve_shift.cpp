@@ -9,6 +9,7 @@
 
 #include "decode_decls.h"
 #include "sve/int/int2_lanes.h"
+#include "sve/lib/int_helpers.h"
 
 namespace {
 
@@ -38,9 +39,9 @@ struct shrr_op {
 // count runs from 1 to the lane width, where every lane becomes 0.
 template <typename T>
 T asrd(T x, uint64_t count) {
-  __int128 v = x;
-  if (v < 0) v += (static_cast<__int128>(1) << count) - 1;
-  return static_cast<T>(v >> count);
+  s128 v = x;
+  if (v < 0) v += ShiftLeftInt(1, count) - 1;
+  return static_cast<T>(bits(ShiftRightInt(v, count)));
 }
 
 // Shift each lane by the 64-bit element of `w` that covers it.
