@@ -21,6 +21,8 @@ extern "C" {
 void sve_zip1(char* dst, char* a, char* b, element_size size);
 void sve_zip2(char* dst, char* a, char* b, element_size size);
 void sve_uzp1(char* dst, char* a, char* b, element_size size);
+// TRN1 of byte predicates; kept although no row of the decode table leads to it.
+aarch64_decode_rc sve_trn1_ppp(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pn, aarch64_p_reg pm);
 }
 
 namespace int2 {

@@ -13,9 +13,33 @@
 
 namespace {
 
-// Moves lane `from` of `src` to lane `to` of `dst`, lanes of 1 << size bytes.
-inline void move_lane(char* dst, unsigned to, const char* src, unsigned from, unsigned size) {
-  std::memcpy(dst + (to << size), src + (from << size), 1u << size);
+// Runs `body` with a lane type of the mover's element size, so that each lane
+// moves as one fixed-size copy.
+template <typename Body>
+inline void by_element(element_size size, Body body) {
+  switch (size) {
+    case kElem16: body(uint16_t{}); break;
+    case kElem32: body(uint32_t{}); break;
+    case kElem64: body(uint64_t{}); break;
+    default: body(uint8_t{}); break;
+  }
+}
+
+// Result lane 2i and 2i + 1 from lane `from(i)` of each source (ZIP, TRN), or
+// result lanes i and half + i from lane `from(i)` of a and b (UZP).
+template <bool Interleave, typename From>
+inline void pair_mover(char* dst, const char* a, const char* b, element_size size, From from) {
+  by_element(size, [&](auto lane) {
+    using T = decltype(lane);
+    constexpr unsigned half = kVecBytes / 2 / sizeof(T);
+    T out[2 * half];
+    for (unsigned i = 0; i < half; ++i) {
+      const unsigned k = from(i, half);
+      std::memcpy(&out[Interleave ? 2 * i : i], a + k * sizeof(T), sizeof(T));
+      std::memcpy(&out[Interleave ? 2 * i + 1 : half + i], b + k * sizeof(T), sizeof(T));
+    }
+    std::memcpy(dst, out, kVecBytes);
+  });
 }
 
 // The fast handlers of the two-source shuffles: the result goes through a
@@ -30,21 +54,13 @@ aarch64_decode_rc shuffle_zzz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn,
   return AARCH64_DECODE_OK;
 }
 
-// UZP2, TRN1 and TRN2 at 48 bytes; `odd` selects the odd lanes (UZP2, TRN2).
+// UZP2, TRN1 and TRN2 at 48 bytes; TRN2 takes the odd lane of each pair.
 void uzp2_mover(char* dst, char* a, char* b, element_size size) {
-  const unsigned half = 24u >> size;
-  for (unsigned i = 0; i < half; ++i) {
-    move_lane(dst, i, a, 2 * i + 1, size);
-    move_lane(dst, half + i, b, 2 * i + 1, size);
-  }
+  pair_mover<false>(dst, a, b, size, [](unsigned i, unsigned) { return 2 * i + 1; });
 }
 template <unsigned Odd>
 void trn_mover(char* dst, char* a, char* b, element_size size) {
-  const unsigned half = 24u >> size;
-  for (unsigned i = 0; i < half; ++i) {
-    move_lane(dst, 2 * i, a, 2 * i + Odd, size);
-    move_lane(dst, 2 * i + 1, b, 2 * i + Odd, size);
-  }
+  pair_mover<true>(dst, a, b, size, [](unsigned i, unsigned) { return 2 * i + Odd; });
 }
 
 // Unpack, fast: the source half is read whole before the destination is written.
@@ -116,25 +132,13 @@ extern "C" {
 // ---- the shared movers ----------------------------------------------------------
 
 void sve_zip1(char* dst, char* a, char* b, element_size size) {
-  const unsigned half = 24u >> size;
-  for (unsigned i = 0; i < half; ++i) {
-    move_lane(dst, 2 * i, a, i, size);
-    move_lane(dst, 2 * i + 1, b, i, size);
-  }
+  pair_mover<true>(dst, a, b, size, [](unsigned i, unsigned) { return i; });
 }
 void sve_zip2(char* dst, char* a, char* b, element_size size) {
-  const unsigned half = 24u >> size;
-  for (unsigned i = 0; i < half; ++i) {
-    move_lane(dst, 2 * i, a, half + i, size);
-    move_lane(dst, 2 * i + 1, b, half + i, size);
-  }
+  pair_mover<true>(dst, a, b, size, [](unsigned i, unsigned half) { return half + i; });
 }
 void sve_uzp1(char* dst, char* a, char* b, element_size size) {
-  const unsigned half = 24u >> size;
-  for (unsigned i = 0; i < half; ++i) {
-    move_lane(dst, i, a, 2 * i, size);
-    move_lane(dst, half + i, b, 2 * i, size);
-  }
+  pair_mover<false>(dst, a, b, size, [](unsigned i, unsigned) { return 2 * i; });
 }
 
 // ---- fast road ---------------------------------------------------------------------
