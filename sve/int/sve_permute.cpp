@@ -212,30 +212,19 @@ aarch64_decode_rc sve_revw_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg
   return AARCH64_DECODE_OK;
 }
 
-aarch64_decode_rc sve_uunpklo_b2h_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  return unpack_fast<uint8_t, uint16_t>(cs, zd, zn, 0);
-}
-aarch64_decode_rc sve_uunpkhi_b2h_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  return unpack_fast<uint8_t, uint16_t>(cs, zd, zn, kVecBytes / 2);
-}
-aarch64_decode_rc sve_uunpklo_h2s_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  return unpack_fast<uint16_t, uint32_t>(cs, zd, zn, 0);
-}
-aarch64_decode_rc sve_uunpkhi_h2s_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  return unpack_fast<uint16_t, uint32_t>(cs, zd, zn, kVecBytes / 2);
-}
-aarch64_decode_rc sve_uunpklo_s2d_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  return unpack_fast<uint32_t, uint64_t>(cs, zd, zn, 0);
-}
-aarch64_decode_rc sve_uunpkhi_s2d_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  return unpack_fast<uint32_t, uint64_t>(cs, zd, zn, kVecBytes / 2);
-}
-aarch64_decode_rc sve_sunpklo_s2d_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  return unpack_fast<int32_t, int64_t>(cs, zd, zn, 0);
-}
-aarch64_decode_rc sve_sunpkhi_s2d_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  return unpack_fast<int32_t, int64_t>(cs, zd, zn, kVecBytes / 2);
-}
+// LO reads the low half of the source, HI the half from byte 24.
+#define QUERN_UNPACK_FAST(SIGN, SIZES, NARROW, WIDE)                                                 \
+  aarch64_decode_rc sve_##SIGN##unpklo_##SIZES##_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) { \
+    return unpack_fast<NARROW, WIDE>(cs, zd, zn, 0);                                               \
+  }                                                                                                \
+  aarch64_decode_rc sve_##SIGN##unpkhi_##SIZES##_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) { \
+    return unpack_fast<NARROW, WIDE>(cs, zd, zn, kVecBytes / 2);                                   \
+  }
+QUERN_UNPACK_FAST(u, b2h, uint8_t, uint16_t)
+QUERN_UNPACK_FAST(u, h2s, uint16_t, uint32_t)
+QUERN_UNPACK_FAST(u, s2d, uint32_t, uint64_t)
+QUERN_UNPACK_FAST(s, s2d, int32_t, int64_t)
+#undef QUERN_UNPACK_FAST
 
 // ---- generic road -----------------------------------------------------------------
 

@@ -69,30 +69,19 @@ aarch64_decode_rc reduce_by_size(cpu_state* cs, unsigned vd, aarch64_p_reg pg, a
 
 extern "C" {
 
-aarch64_decode_rc sve_uaddv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return reduce_by_size<add_fold, false>(cs, vd, pg, zn);
-}
-aarch64_decode_rc sve_andv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return reduce_by_size<and_fold, false>(cs, vd, pg, zn);
-}
-aarch64_decode_rc sve_orv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return reduce_by_size<or_fold, false>(cs, vd, pg, zn);
-}
-aarch64_decode_rc sve_eorv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return reduce_by_size<xor_fold, false>(cs, vd, pg, zn);
-}
-aarch64_decode_rc sve_smaxv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return reduce_by_size<max_fold, true>(cs, vd, pg, zn);
-}
-aarch64_decode_rc sve_umaxv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return reduce_by_size<max_fold, false>(cs, vd, pg, zn);
-}
-aarch64_decode_rc sve_sminv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return reduce_by_size<min_fold, true>(cs, vd, pg, zn);
-}
-aarch64_decode_rc sve_uminv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return reduce_by_size<min_fold, false>(cs, vd, pg, zn);
-}
+#define QUERN_REDUCE_FAST(NAME, FOLD, SIGNED)                                            \
+  aarch64_decode_rc sve_##NAME##_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) { \
+    return reduce_by_size<FOLD, SIGNED>(cs, vd, pg, zn);                                  \
+  }
+QUERN_REDUCE_FAST(uaddv, add_fold, false)
+QUERN_REDUCE_FAST(andv, and_fold, false)
+QUERN_REDUCE_FAST(orv, or_fold, false)
+QUERN_REDUCE_FAST(eorv, xor_fold, false)
+QUERN_REDUCE_FAST(smaxv, max_fold, true)
+QUERN_REDUCE_FAST(umaxv, max_fold, false)
+QUERN_REDUCE_FAST(sminv, min_fold, true)
+QUERN_REDUCE_FAST(uminv, min_fold, false)
+#undef QUERN_REDUCE_FAST
 
 // SADDV: lanes sign-extended into a 64-bit sum; the adapter writes the 64 bits.
 #define QUERN_SADDV(T, TY)                                                  \

@@ -68,6 +68,22 @@ VecV imm_vim(const VecV& a, const PredV& p, uint64_t count, const CpuContext* c,
   return r;
 }
 
+// By immediate: left, or arithmetic right on the signed lanes of ASR.
+template <bool Right>
+struct imm_shift {
+  unsigned count;
+  template <typename T> T operator()(T a) const { return Right ? shift_right(a, count) : shift_left(a, count); }
+};
+
+// Lanes by size code, signed when `Signed`.
+template <bool Signed, typename F>
+aarch64_decode_rc by_lane(int32_t size, F f) {
+  return fast::by_size(size, [&](auto lane) {
+    using U = decltype(lane);
+    return f(std::conditional_t<Signed, std::make_signed_t<U>, U>{});
+  });
+}
+
 template <typename T>
 T lsl_(T a, uint64_t n) { return shift_left(a, n); }
 template <typename T>
@@ -80,28 +96,16 @@ extern "C" {
 // ---- fast road ----------------------------------------------------------------
 
 aarch64_decode_rc sve_lsl_zpi(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, unsigned int count) {
-  return fast::by_size(zdn.in_size, [&](auto lane) {
-    using T = decltype(lane);
-    return int2::unary_zp<T>(cs, zdn, pg, [count](T a) { return shift_left(a, count); });
-  });
+  return by_lane<false>(zdn.in_size, [&](auto lane) { return int2::unary_zp<decltype(lane)>(cs, zdn, pg, imm_shift<false>{count}); });
 }
 aarch64_decode_rc sve_asr_zpi(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, unsigned int count) {
-  return fast::by_size(zdn.in_size, [&](auto lane) {
-    using S = std::make_signed_t<decltype(lane)>;
-    return int2::unary_zp<S>(cs, zdn, pg, [count](S a) { return shift_right(a, count); });
-  });
+  return by_lane<true>(zdn.in_size, [&](auto lane) { return int2::unary_zp<decltype(lane)>(cs, zdn, pg, imm_shift<true>{count}); });
 }
 aarch64_decode_rc sve_lsl_zzi(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, unsigned int count) {
-  return fast::by_size(zd.size, [&](auto lane) {
-    using T = decltype(lane);
-    return int2::unary_zz<T>(cs, zd, zn, [count](T a) { return shift_left(a, count); });
-  });
+  return by_lane<false>(zd.size, [&](auto lane) { return int2::unary_zz<decltype(lane)>(cs, zd, zn, imm_shift<false>{count}); });
 }
 aarch64_decode_rc sve_asr_zzi(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, unsigned int count) {
-  return fast::by_size(zd.size, [&](auto lane) {
-    using S = std::make_signed_t<decltype(lane)>;
-    return int2::unary_zz<S>(cs, zd, zn, [count](S a) { return shift_right(a, count); });
-  });
+  return by_lane<true>(zd.size, [&](auto lane) { return int2::unary_zz<decltype(lane)>(cs, zd, zn, imm_shift<true>{count}); });
 }
 aarch64_decode_rc sve_lsl_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) {
   return fast::by_size(zdn.in_size, [&](auto lane) { return fast::binary_zpz<decltype(lane)>(cs, zdn, pg, zm, shl_op{}); });
@@ -110,9 +114,7 @@ aarch64_decode_rc sve_lsr_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg
   return fast::by_size(zdn.in_size, [&](auto lane) { return fast::binary_zpz<decltype(lane)>(cs, zdn, pg, zm, shr_op{}); });
 }
 aarch64_decode_rc sve_asr_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm) {
-  return fast::by_size(zdn.in_size, [&](auto lane) {
-    return fast::binary_zpz<std::make_signed_t<decltype(lane)>>(cs, zdn, pg, zm, shr_op{});
-  });
+  return by_lane<true>(zdn.in_size, [&](auto lane) { return fast::binary_zpz<decltype(lane)>(cs, zdn, pg, zm, shr_op{}); });
 }
 
 // ---- generic road ---------------------------------------------------------------
