@@ -55,11 +55,38 @@ inline uint64_t addr_index(const cpu_state* cs, aarch64_i_rsp_reg rn, aarch64_i_
 
 // ---- contiguous ---------------------------------------------------------------
 
+// True when every lane of E bytes is active: the common case of a loop body,
+// whose walk then needs no test per lane and compiles to a few wide moves.
+template <typename E>
+inline bool all_active(const unsigned char* pred) {
+  // Bit 0 of the first predicate byte of each lane, in one 64-bit word.
+  constexpr uint64_t kMask = sizeof(E) == 1   ? 0x0101010101010101ull
+                             : sizeof(E) == 2 ? 0x0001000100010001ull
+                             : sizeof(E) == 4 ? 0x0000000100000001ull
+                                              : 0x0000000000000001ull;
+  bool all = true;
+  for (unsigned i = 0; i < kVecBytes; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, pred + i, 8);
+    all &= (w & kMask) == kMask;
+  }
+  return all;
+}
+
 // Inactive lanes become zero; the register is never merged.
 template <typename E, typename M>
 inline aarch64_decode_rc ld1(cpu_state* cs, aarch64_z_reg zt, aarch64_p_reg pg, uint64_t addr) {
   const unsigned char* p = cs->p[pg.number];
   unsigned char* z = cs->z[zt.number];
+  if (all_active<E>(p)) {
+    // Through a local, which aliases nothing: the walk becomes wide moves.
+    unsigned char out[kVecBytes];
+#pragma GCC unroll 48
+    for (unsigned e = 0; e < fast::lanes<E>; ++e) fast::set_lane<E>(out, e, widen<E>(load<M>(addr + e * sizeof(M))));
+    std::memcpy(z, out, kVecBytes);
+    return AARCH64_DECODE_OK;
+  }
+#pragma GCC unroll 12
   for (unsigned e = 0; e < fast::lanes<E>; ++e)
     fast::set_lane<E>(z, e, fast::active<E>(p, e) ? widen<E>(load<M>(addr + e * sizeof(M))) : E(0));
   return AARCH64_DECODE_OK;
@@ -71,6 +98,14 @@ template <typename E, typename M>
 inline aarch64_decode_rc st1(cpu_state* cs, aarch64_z_reg zt, aarch64_p_reg pg, uint64_t addr) {
   const unsigned char* p = cs->p[pg.number];
   const unsigned char* z = cs->z[zt.number];
+  if (all_active<E>(p)) {
+    unsigned char in[kVecBytes];
+    std::memcpy(in, z, kVecBytes);
+#pragma GCC unroll 48
+    for (unsigned e = 0; e < fast::lanes<E>; ++e) store<M>(addr + e * sizeof(M), static_cast<M>(fast::lane<E>(in, e)));
+    return AARCH64_DECODE_OK;
+  }
+#pragma GCC unroll 12
   for (unsigned e = 0; e < fast::lanes<E>; ++e)
     if (fast::active<E>(p, e)) store<M>(addr + e * sizeof(M), static_cast<M>(fast::lane<E>(z, e)));
   return AARCH64_DECODE_OK;
