@@ -80,26 +80,6 @@ TEST(GuardedRead, ElementsAtThePageEnd) {
   EXPECT_EQ(SVEFaultRegion, 0);
 }
 
-TEST(GuardedRead, WritesAndHooks) {
-  unsigned char buf[16] = {};
-  WriteMemLib1(0xAB, reinterpret_cast<unsigned long>(buf + 1), nullptr);
-  WriteMemLib2(0xCDEF, reinterpret_cast<unsigned long>(buf + 3), nullptr);
-  WriteMemLib4(0x01234567u, reinterpret_cast<unsigned long>(buf + 5), nullptr);
-  WriteMemLib8(0x89ABCDEF00112233ull, reinterpret_cast<unsigned long>(buf + 8), nullptr);
-  const unsigned char want[16] = {0, 0xAB, 0, 0xEF, 0xCD, 0x67, 0x45, 0x23, 0x33, 0x22, 0x11, 0x00, 0xEF, 0xCD, 0xAB, 0x89};
-  EXPECT_EQ(std::memcmp(buf, want, 16), 0);
-  EXPECT_EQ(ReadMemLib8(reinterpret_cast<unsigned long>(buf + 8), 0, nullptr, nullptr), 0x89ABCDEF00112233ull);
-  bool fault = true;
-  EXPECT_EQ(ReadMem(reinterpret_cast<unsigned long>(buf), 8, 0, &fault, nullptr), 0u);
-  EXPECT_FALSE(fault);
-  fault = true;
-  EXPECT_EQ(ReadMemSim(reinterpret_cast<unsigned long>(buf), 8, 0, &fault, true, nullptr), 0u);
-  EXPECT_FALSE(fault);
-  WriteMem(1, reinterpret_cast<unsigned long>(buf), 8, nullptr);
-  WriteMemSim(1, reinterpret_cast<unsigned long>(buf), 8, true, nullptr);
-  EXPECT_EQ(std::memcmp(buf, want, 16), 0);
-}
-
 // ---- first-fault, fast road --------------------------------------------------
 
 // (word, bytes before the hole, expected limit in lanes, lanes, element bytes)

@@ -133,7 +133,7 @@ TEST(MemoryTrace, EachThreadHasItsOwnRegion) {
   const std::vector<sve_mem_ref_t> r = sink.close();
   unsigned markers = 0;
   for (const sve_mem_ref_t& x : r) {
-    if (x.tid < 0) ++markers;
+    if (x.position == 0) ++markers;   // a marker; a thread id may be negative too
     else ++per_tid[x.tid];
   }
   EXPECT_EQ(markers, 4u);

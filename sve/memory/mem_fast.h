@@ -36,6 +36,19 @@ inline E widen(M v) {
   return static_cast<E>(static_cast<W>(v));
 }
 
+// How a gather or scatter reads an offset from its lane: whole, or the low 32
+// bits sign- or zero-extended.
+enum class Ext { none, sxtw, uxtw };
+
+template <Ext X>
+inline uint64_t extend_offset(uint64_t lane) {
+  switch (X) {
+    case Ext::sxtw: return static_cast<uint64_t>(int64_t(static_cast<int32_t>(lane)));
+    case Ext::uxtw: return static_cast<uint32_t>(lane);
+    default: return lane;
+  }
+}
+
 // Bytes that one vector of this load occupies in memory: the step of the
 // "#imm, MUL VL" forms.
 template <typename E, typename M>

@@ -5,29 +5,17 @@
 // all its accesses, hands them to the memory trace.
 #include "decode_decls.h"
 #include "sve/memory/mem_fast.h"
+#include "sve/memory/mem_tables.h"
 #include "sve/memory/memtrace.h"
+
+using namespace mem_types;
+using mem::Ext;
 
 namespace {
 
-using i8 = int8_t;
-using i16 = int16_t;
-using i32 = int32_t;
-using u8 = uint8_t;
-using u16 = uint16_t;
-using u32 = uint32_t;
-using u64 = uint64_t;
-
-// How a lane's offset is read from its vector register.
-enum class Ext { none, sxtw, uxtw };
-
 template <typename E, Ext X>
 inline uint64_t offset_of(const unsigned char* zm, unsigned e) {
-  const E v = fast::lane<E>(zm, e);
-  switch (X) {
-    case Ext::sxtw: return static_cast<uint64_t>(int64_t(static_cast<int32_t>(v)));
-    case Ext::uxtw: return static_cast<uint32_t>(v);
-    default: return v;
-  }
+  return mem::extend_offset<X>(fast::lane<E>(zm, e));
 }
 
 // The lane width as the memory trace names it: int for 12 lanes, long for 6.

@@ -1,5 +1,5 @@
 // The first-fault loads of the generic road: the contiguous ones that have no
-// fast handler, and every first-fault gather. The first-fault routines read through the guarded
+// fast handler, and every first-fault gather. They read through the guarded
 // ReadMemLib primitives, so no fault ever escapes them: from the first element
 // that cannot be read (even the first active one) the lanes become zero and
 // FFR is cleared, which keeps FFR a prefix.
@@ -7,16 +7,12 @@
 #include "sve/int/vec_loop.h"
 #include "sve/memory/mem_fast.h"
 #include "sve/memory/mem_lib.h"
+#include "sve/memory/mem_tables.h"
+
+using namespace mem_types;
+using mem::Ext;
 
 namespace {
-
-using i8 = int8_t;
-using i16 = int16_t;
-using i32 = int32_t;
-using u8 = uint8_t;
-using u16 = uint16_t;
-using u32 = uint32_t;
-using u64 = uint64_t;
 
 template <typename E>
 void clear_ffr_lane(CpuContext* c, unsigned e) {
@@ -57,16 +53,9 @@ VecV ldff_contiguous(const PredV& p, uint64_t base, uint64_t index, CpuContext* 
   return ldff<E, M>(p, c, [&](unsigned e) { return start + e * sizeof(M); });
 }
 
-enum class Ext { none, sxtw, uxtw };
-
 template <typename E, Ext X>
 uint64_t offset_of(const VecV& v, unsigned e) {
-  const E o = generic::lane<E>(v, e);
-  switch (X) {
-    case Ext::sxtw: return static_cast<uint64_t>(int64_t(static_cast<int32_t>(o)));
-    case Ext::uxtw: return static_cast<uint32_t>(o);
-    default: return o;
-  }
+  return mem::extend_offset<X>(generic::lane<E>(v, e));
 }
 
 template <typename E, typename M, Ext X, bool Scaled>

@@ -7,6 +7,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "e2e.h"
+
 #define N 517
 
 struct rgb32 { uint32_t r, g, b; };
@@ -48,13 +50,6 @@ __attribute__((noipa)) static void rot64(struct quad64* restrict o, const struct
   }
 }
 
-static uint64_t hash(const void* p, size_t bytes) {
-  const uint8_t* b = p;
-  uint64_t h = 1469598103934665603ull;
-  for (size_t i = 0; i < bytes; ++i) h = (h ^ b[i]) * 1099511628211ull;
-  return h;
-}
-
 int main(void) {
   uint64_t x = 2463534242ull;
   for (int i = 0; i < N; ++i) {
@@ -72,9 +67,9 @@ int main(void) {
     mix8(out8, in8, n);
     swap16(outp, inp, n);
     rot64(outq, inq, n);
-    printf("n=%3d  %016llx %016llx %016llx %016llx\n", n, (unsigned long long)hash(out32, sizeof out32),
-           (unsigned long long)hash(out8, sizeof out8), (unsigned long long)hash(outp, sizeof outp),
-           (unsigned long long)hash(outq, sizeof outq));
+    printf("n=%3d  %016llx %016llx %016llx %016llx\n", n, (unsigned long long)e2e_hash(out32, sizeof out32),
+           (unsigned long long)e2e_hash(out8, sizeof out8), (unsigned long long)e2e_hash(outp, sizeof outp),
+           (unsigned long long)e2e_hash(outq, sizeof outq));
   }
   return 0;
 }

@@ -7,6 +7,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "e2e.h"
+
 #define N 1003
 
 static uint8_t a8[N], b8[N], d8[N];
@@ -35,13 +37,6 @@ __attribute__((noipa)) static void narrow8(uint8_t* restrict d, const uint32_t* 
   for (int i = 0; i < n; ++i) d[i] = (uint8_t)(a[i] >> 3);
 }
 
-static uint64_t hash(const void* p, size_t bytes) {
-  const uint8_t* b = p;
-  uint64_t h = 1469598103934665603ull;
-  for (size_t i = 0; i < bytes; ++i) h = (h ^ b[i]) * 1099511628211ull;
-  return h;
-}
-
 int main(void) {
   uint64_t x = 88172645463325252ull;
   for (int i = 0; i < N; ++i) {
@@ -64,10 +59,10 @@ int main(void) {
     widen64(w64, (const int32_t*)a32, b16, n);
     narrow8(b8, a32, n / 2);
     printf("n=%4d  %016llx %016llx %016llx %016llx  %016llx %016llx %016llx\n", n,
-           (unsigned long long)hash(d8, sizeof d8), (unsigned long long)hash(d16, sizeof d16),
-           (unsigned long long)hash(d32, sizeof d32), (unsigned long long)hash(d64, sizeof d64),
-           (unsigned long long)hash(w32, sizeof w32), (unsigned long long)hash(w64, sizeof w64),
-           (unsigned long long)hash(b8, sizeof b8));
+           (unsigned long long)e2e_hash(d8, sizeof d8), (unsigned long long)e2e_hash(d16, sizeof d16),
+           (unsigned long long)e2e_hash(d32, sizeof d32), (unsigned long long)e2e_hash(d64, sizeof d64),
+           (unsigned long long)e2e_hash(w32, sizeof w32), (unsigned long long)e2e_hash(w64, sizeof w64),
+           (unsigned long long)e2e_hash(b8, sizeof b8));
   }
   return 0;
 }
