@@ -148,6 +148,14 @@ inline void ffr_clear_lane(cpu_state* cs, unsigned e) {
 template <typename T, unsigned N>
 inline aarch64_decode_rc ldn(cpu_state* cs, aarch64_z_reg zt, aarch64_p_reg pg, uint64_t addr) {
   const unsigned char* p = cs->p[pg.number];
+  if (all_active<T>(p)) {   // through locals, which alias nothing
+    unsigned char out[N][kVecBytes];
+#pragma GCC unroll 16
+    for (unsigned e = 0; e < fast::lanes<T>; ++e)
+      for (unsigned k = 0; k < N; ++k) fast::set_lane<T>(out[k], e, load<T>(addr + (uint64_t(e) * N + k) * sizeof(T)));
+    for (unsigned k = 0; k < N; ++k) std::memcpy(cs->z[(zt.number + k) & 31], out[k], kVecBytes);
+    return AARCH64_DECODE_OK;
+  }
   for (unsigned e = 0; e < fast::lanes<T>; ++e) {
     const uint64_t s = addr + uint64_t(e) * N * sizeof(T);
     const bool on = fast::active<T>(p, e);
@@ -160,6 +168,14 @@ inline aarch64_decode_rc ldn(cpu_state* cs, aarch64_z_reg zt, aarch64_p_reg pg, 
 template <typename T, unsigned N>
 inline aarch64_decode_rc stn(cpu_state* cs, aarch64_z_reg zt, aarch64_p_reg pg, uint64_t addr) {
   const unsigned char* p = cs->p[pg.number];
+  if (all_active<T>(p)) {
+    unsigned char in[N][kVecBytes];
+    for (unsigned k = 0; k < N; ++k) std::memcpy(in[k], cs->z[(zt.number + k) & 31], kVecBytes);
+#pragma GCC unroll 16
+    for (unsigned e = 0; e < fast::lanes<T>; ++e)
+      for (unsigned k = 0; k < N; ++k) store<T>(addr + (uint64_t(e) * N + k) * sizeof(T), fast::lane<T>(in[k], e));
+    return AARCH64_DECODE_OK;
+  }
   for (unsigned e = 0; e < fast::lanes<T>; ++e) {
     if (!fast::active<T>(p, e)) continue;
     const uint64_t s = addr + uint64_t(e) * N * sizeof(T);
