@@ -7,6 +7,7 @@
 
 #include <cstring>
 
+#include "decode_decls.h"
 #include "sve/dispatch/decode.h"
 
 namespace {
@@ -63,6 +64,19 @@ void BM_Copy48(benchmark::State& state) {
 // the floor that the adapter and the call put under every row.
 void BM_AddZZZ(benchmark::State& s) { run(s, 0x04a30065, false, 48); }
 void BM_Ld1w_All(benchmark::State& s) { run(s, kLd1w, false, 48); }
+// The handler alone, called with its operands as the adapter builds them.
+void BM_Ld1w_All_HandlerOnly(benchmark::State& state) {
+  Rig r(kLd1w, false);
+  const aarch64_z_reg zt{5, kZS, kZAbsent, kZAbsent};
+  const aarch64_p_reg pg{1, kPZero, kPAbsent, kPAbsent};
+  const aarch64_i_rsp_reg rn{2, kRX};
+  const aarch64_i_reg rm{3, kRX, kRAbsent, kRAbsent};
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(sve_ld1w_scaled_zprr(&r.s, zt, pg, rn, rm));
+    benchmark::ClobberMemory();
+  }
+  state.SetBytesProcessed(state.iterations() * 48);
+}
 void BM_Ld1w_Half(benchmark::State& s) { run(s, kLd1w, true, 24); }
 void BM_St1w_All(benchmark::State& s) { run(s, kSt1w, false, 48); }
 void BM_St1w_Half(benchmark::State& s) { run(s, kSt1w, true, 24); }
@@ -73,6 +87,7 @@ void BM_Ld3w(benchmark::State& s) { run(s, kLd3w, false, 144); }
 BENCHMARK(BM_Copy48);
 BENCHMARK(BM_AddZZZ);
 BENCHMARK(BM_Ld1w_All);
+BENCHMARK(BM_Ld1w_All_HandlerOnly);
 BENCHMARK(BM_Ld1w_Half);
 BENCHMARK(BM_St1w_All);
 BENCHMARK(BM_St1w_Half);

@@ -78,6 +78,7 @@ inline bool all_active(const unsigned char* pred) {
                              : sizeof(E) == 4 ? 0x0000000100000001ull
                                               : 0x0000000000000001ull;
   bool all = true;
+#pragma GCC unroll 6
   for (unsigned i = 0; i < kVecBytes; i += 8) {
     uint64_t w;
     std::memcpy(&w, pred + i, 8);
