@@ -37,3 +37,11 @@ static inline void e2e_print_q(const char* name, const uint8_t* q) {
   for (int i = 15; i >= 0; --i) printf("%s%02x", i % 4 == 3 ? " " : "", q[i]);
   printf("\n");
 }
+
+// FNV-1a over `bytes` bytes: a checksum of a result array to print.
+static inline uint64_t e2e_hash(const void* p, size_t bytes) {
+  const uint8_t* b = (const uint8_t*)p;
+  uint64_t h = 1469598103934665603ull;
+  for (size_t i = 0; i < bytes; ++i) h = (h ^ b[i]) * 1099511628211ull;
+  return h;
+}

@@ -23,6 +23,7 @@ cases=(
   markers markers-repeat markers-fallback markers-default-file
   acle jit jit-fallback
   signals-blocked signals-blocked-fallback signals-handler signals-reentry
+  mem-fault-contiguous mem-fault-gather mem-fault-ldff-first mem-ldff-contained mem-inactive
 )
 
 if [ "${1:-}" = --list ]; then
@@ -310,12 +311,15 @@ case_threads-race-fallback() { race_case --fallback; }
 
 fault_case() {
   local mode=$1 want=$2 name=$3
-  need fault && all_implemented "$p" && same_as_reference "$want" -- "$p" "$mode" || return 1
-  local line="quern's SVESigHandler caught signal $name from the process being emulated, passing it to the default signal handler."
+  need fault && all_implemented "$p" && same_as_reference "$want" -- "$p" "$mode" && message_once "$name"
+}
+# message_once SIGNAL: the fault handler's line is on standard error exactly once.
+message_once() {
+  local line="quern's SVESigHandler caught signal $1 from the process being emulated, passing it to the default signal handler."
   local n
   n=$(grep -cxF "$line" "$err")
   if [ "$n" -ne 1 ]; then
-    fail_reason="the $name message appears $n time(s) on standard error, want once"
+    fail_reason="the $1 message appears $n time(s) on standard error, want once"
     detail "$out" "$err"
     return 1
   fi
@@ -323,6 +327,56 @@ fault_case() {
 case_fault-segv() { fault_case segv 139 SIGSEGV; }
 case_fault-bus() { fault_case bus 135 SIGBUS; }
 case_fault-emulated() { fault_case emulated 139 SIGSEGV; }
+
+# Emulated loads at an unmapped page: a fault of an active lane is the
+# program's own (status 139 and the handler's line once, as for fault-emulated);
+# a first-fault load past its first element and a load with no active lane
+# are not faults.
+mem_fault_case() {
+  local mode=$1 want=$2
+  need mem_fault && all_implemented "$p" && same_as_reference "$want" -- "$p" "$mode" || return 1
+  [ "$want" -eq 0 ] || message_once SIGSEGV
+}
+case_mem-fault-contiguous() { mem_fault_case contiguous 139; }
+case_mem-fault-gather() { mem_fault_case gather 139; }
+case_mem-fault-ldff-first() { mem_fault_case ldff-first 139; }
+case_mem-ldff-contained() { mem_fault_case ldff-contained 0; }
+case_mem-inactive() { mem_fault_case inactive 0; }
+
+# Programs that GCC vectorises for SVE at -O3 (see "needs:" at the top of each
+# for the rows they also use). mem-gather compares the trace's load and store
+# records with the active lanes that the program counted itself.
+case_mem-arrays() { need mem_arrays && all_implemented "$p" && same_as_reference 0 -- "$p"; }
+case_mem-aos() { need mem_aos && all_implemented "$p" && same_as_reference 0 -- "$p"; }
+case_mem-strlen() { need mem_strlen && all_implemented "$p" && same_as_reference 0 -- "$p"; }
+case_mem-gather() {
+  need mem_gather && all_implemented "$p" || return 1
+  on_reference ref "$p"
+  local ref_out=$out
+  if [ "$status" -ne 0 ]; then
+    fail_reason="on the reference processor: status $(describe_status "$status")"
+    detail "$out" "$err"
+    return 1
+  fi
+  on_quern quern --trace "$dir/gather.qtrace" -- "$p" --markers
+  if [ "$status" -ne 0 ] || ! cmp -s "$ref_out" "$out"; then
+    fail_reason="under quern: status $(describe_status "$status"), or output differs (< reference, > quern)"
+    details+=$(diff "$ref_out" "$out" | head -20)$'\n'
+    return 1
+  fi
+  local stats want got
+  if ! stats=$("$quern" trace stats "$dir/gather.qtrace" 2>&1); then
+    fail_reason="quern trace stats: $stats"
+    return 1
+  fi
+  want=$(sed -n 's/^active lanes: //p' "$out")
+  got=$(echo "$stats" | awk '/^loads:/ {l = $2} /^stores:/ {s = $2} /^threads:/ {t = $2} END {print l + s, t}')
+  if [ "$got" != "$want 4" ]; then
+    fail_reason="trace: $got (records, threads), want $want 4"
+    details+="quern trace stats:"$'\n'$stats$'\n'
+    return 1
+  fi
+}
 
 # An option before `--` that is not the launcher's goes to the client, which
 # has none: it stops the process before the program's main.

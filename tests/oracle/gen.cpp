@@ -399,16 +399,46 @@ void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch
       b = target - static_cast<uint64_t>(imm * static_cast<int64_t>(footprint)) -
           static_cast<uint64_t>(index) * plan.msize;
     }
+    if (plan.first_fault && !t.fault_trial) {
+      // The reference gives up at a page boundary even between two readable
+      // pages (the architecture lets a first-fault or non-fault load stop at
+      // any element after the first): keep the footprint in one page.
+      const uint64_t footprint = (kVecBytes / plan.esize) * plan.msize;
+      const int64_t imm = plan.form == addr_form::scalar_imm ? imm4(t.word) : 0;
+      const uint64_t start = b + static_cast<uint64_t>(imm * static_cast<int64_t>(footprint)) +
+                             static_cast<uint64_t>(index) * plan.msize;
+      const uint64_t in_page = start & (scratch.page - 1);
+      if (in_page + footprint > scratch.page) b -= in_page + footprint - scratch.page;
+      if (bnum == 31) b &= ~uint64_t(15);   // moves down only: still inside the page
+    }
     if (bnum == 31) b &= ~uint64_t(15);
     set_xsp(s, bnum, b);
     if (inum != 31 && inum != bnum) s.x[inum] = static_cast<uint64_t>(index);
+    // The reference (qemu 7.2) mis-reads the governing predicate of a
+    // contiguous first-fault or non-fault load whose first active element
+    // starts at register byte 8 or above: it tests the bits of later elements
+    // at the wrong places. Keep an active element among the first 8 bytes.
+    if (plan.first_fault) {
+      unsigned char* pg = s.p[field(t.word, 12, 10)];
+      bool low = false, any = false;
+      for (unsigned i = 0; i < kVecBytes; i += plan.esize) {
+        any = any || (pg[i] & 1);
+        low = low || (i < 8 && (pg[i] & 1));
+      }
+      if (any && !low) pg[plan.esize * g.below(plan.esize < 8 ? 8 / plan.esize : 1)] = 1;
+    }
   } else if (plan.form == addr_form::scalar_vector) {
+    if (plan.first_fault) b &= ~uint64_t(plan.msize - 1);
     if (bnum == 31) b &= ~uint64_t(15);
     set_xsp(s, bnum, b);
     const unsigned vnum = field(t.word, plan.vec_hi, plan.vec_lo);
     const unsigned shift = plan.vec_scaled ? (plan.msize == 8 ? 3 : plan.msize == 4 ? 2 : plan.msize == 2 ? 1 : 0) : 0;
     for (unsigned lane = 0; lane < kVecBytes / plan.vec_bytes; ++lane) {
       int64_t idx = plan.vec_signed ? g.between(-512, 512) : g.between(0, 1024);
+      // A first-fault gather of the reference gives up at an element that
+      // straddles two pages, readable or not (the architecture lets it stop
+      // anywhere after the first element): keep its elements aligned.
+      if (plan.first_fault && !plan.vec_scaled) idx &= ~int64_t(plan.msize - 1);
       if (t.fault_trial && g.one_in(4))
         idx = static_cast<int64_t>((end + g.below(scratch.page / 2) - b) >> shift);
       put_lane(s.z[vnum], lane, plan.vec_bytes, static_cast<uint64_t>(idx));
@@ -418,7 +448,7 @@ void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch
     const uint64_t imm = field(t.word, 20, 16) * uint64_t(plan.msize);
     for (unsigned lane = 0; lane < kVecBytes / plan.vec_bytes; ++lane) {
       uint64_t addr = base + 64 + g.below(scratch.size - 512);
-      if (g.one_in(2)) addr &= ~uint64_t(plan.msize - 1);
+      if (g.one_in(2) || plan.first_fault) addr &= ~uint64_t(plan.msize - 1);
       if (t.fault_trial && g.one_in(4)) addr = end + g.below(scratch.page / 2) - imm;
       put_lane(s.z[vnum], lane, plan.vec_bytes, addr);
     }
