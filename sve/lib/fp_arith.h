@@ -217,23 +217,33 @@ template <class T> T FPDiv(T a, T b, FPSCR& fpscr) {
   return r;
 }
 
-// Integer square root of n, rounded down; `exact` tells whether n was a
-// perfect square.
-template <class U> inline U isqrt(U n, bool& exact) {
-  U res = 0;
-  U bit = U(1) << (bits_of<U>() - 2);
-  while (bit > n) bit >>= 2;
-  while (bit) {
-    if (n >= res + bit) {
-      n -= res + bit;
-      res = (res >> 1) + bit;
-    } else {
-      res >>= 1;
+// floor(sqrt(t) * 32) for t = 256 .. 1023: a first guess of a root, good
+// to nine bits, from the top ten bits of its square.
+struct SqrtSeed {
+  uint16_t v[768];
+  constexpr SqrtSeed() : v() {
+    for (unsigned t = 256; t < 1024; ++t) {
+      unsigned r = 0;
+      while ((r + 1) * (r + 1) <= t * 1024) ++r;
+      v[t - 256] = uint16_t(r);
     }
-    bit >>= 2;
   }
-  exact = n == 0;
-  return res;
+};
+constexpr SqrtSeed sqrt_seed{};
+
+// Integer square root of n (top bit at bits(U) - 1 or - 2), rounded down;
+// `exact` tells whether n was a perfect square. A table seed and Newton
+// steps, each doubling the bits: three for a 128-bit word, two below.
+template <class U> inline U isqrt(U n, bool& exact) {
+  constexpr int UW = bits_of<U>();
+  // The seed + 2 is above the root, and from above the steps never fall
+  // below it; the root itself is below 2^(UW/2).
+  U x = U(sqrt_seed.v[unsigned(n >> (UW - 10)) - 256] + 2) << (UW / 2 - 10);
+  for (int i = 0; i < (UW > 64 ? 3 : 2); ++i) x = (x + n / x) >> 1;
+  if (x >> (UW / 2)) x = (U(1) << (UW / 2)) - 1;
+  while (x * x > n) --x;
+  exact = x * x == n;
+  return x;
 }
 
 // Square root. IOC for a negative operand other than -0; rounding flags.

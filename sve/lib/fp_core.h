@@ -192,7 +192,7 @@ template <class T> inline T fp_process_NaNs3(T a, T b, T c, int mode, int& flags
 // already shifted out), anything beyond the word folded into bit 0; the
 // value is 1.mnt * 2^(exp - bias). Raises UFC (only for an inexact tiny
 // result, or a flushed one), OFC, IXC, and IOC for an AHP overflow.
-template <class T> T fp_round(int sgn, int exp, T mnt, int rm, int mode, int& flags) {
+template <class T> __attribute__((noinline)) T fp_round_full(int sgn, int exp, T mnt, int rm, int mode, int& flags) {
   typedef Fmt<T> Fm;
   typedef typename Fm::Calc C;
   constexpr int F = Fm::F, E = Fm::E, CW = bits_of<C>();
@@ -253,6 +253,26 @@ template <class T> T fp_round(int sgn, int exp, T mnt, int rm, int mode, int& fl
   }
   if (error) flags |= FPLIB_IXC;
   return fp_pack<T>(sgn, bexp, T(imnt));
+}
+
+// The common case inline: a normal result that cannot overflow, in one of
+// the four modes of the control word; the rest goes to fp_round_full.
+template <class T> inline T fp_round(int sgn, int exp, T mnt, int rm, int mode, int& flags) {
+  constexpr int F = Fmt<T>::F, E = Fmt<T>::E;
+  if (__builtin_expect(unsigned(exp - 1) < unsigned(fmt_emax<T>() - 2) && unsigned(rm) < 4, 1)) {
+    typedef typename Fmt<T>::Calc C;
+    // The fraction is the top F bits, then the guard bit, then sticky.
+    C imnt = C(C(1) << F) | C(C(mnt) >> (E + 1));
+    int error = int((mnt >> E) & 1) << 1 | int((mnt & ((T(1) << E) - 1)) != 0);
+    // Up by one: ties-to-even above half or at half on an odd mantissa;
+    // towards an infinity (+inf positive, -inf negative) on any error.
+    bool directed_up = (0x24 >> (rm * 2 + sgn)) & 1;
+    C inc = rm == FPRounding_TIEEVEN ? C((error >> 1) & ((error | int(imnt)) & 1)) : C(directed_up && error);
+    flags |= error ? FPLIB_IXC : 0;
+    // The increment carries into the exponent field by itself.
+    return T(fmt_sign<T>() * T(sgn) | T((C(exp - 1) << F) + imnt + inc));
+  }
+  return fp_round_full<T>(sgn, exp, mnt, rm, mode, flags);
 }
 
 // Round a normalised wide word: value = x * 2^(exp - bias - (bits(U) - 1)),

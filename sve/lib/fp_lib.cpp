@@ -44,7 +44,7 @@ namespace fplib {
   template T FPTRIMADD<T>(unsigned long, T, T, FPSCR&);                     \
   template T FPTRISMUL<T>(T, T, FPSCR&);                                    \
   template T FPEXPA<T>(T);                                                  \
-  template T fp_round<T>(int, int, T, int, int, int&);
+  template T fp_round_full<T>(int, int, T, int, int, int&);
 FPLIB_EACH(FPLIB_INSTANCES)
 
 #define FPLIB_CONVERT_FROM(S_)                                              \
