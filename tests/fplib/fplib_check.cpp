@@ -46,7 +46,7 @@ struct Row {
       "\n\tmrs %x[sr], fpsr\n\tmsr fpcr, xzr\n\tmov %x[r], x9"                                         \
       : [r] "=&r"(r_), [sr] "=&r"(sr_)                                                                 \
       : [a] "r"(a), [b] "r"(b), [c] "r"(c), [cr] "r"(uint64_t(fpcr))                                   \
-      : "x1", "x2", "x3", "x9", "v0", "v1", "v2", "v3", "cc", "memory");                               \
+      : "x1", "x2", "x3", "x9", "v0", "v1", "v2", "v3", "p0", "cc", "memory");                               \
   *fpsr = uint32_t(sr_);                                                                               \
   return r_;
 
@@ -215,6 +215,13 @@ const std::vector<Row>& rows() {
       FTMAD_ALL(h), FTMAD_ALL(s), FTMAD_ALL(d),
       SVE3("FTSMUL", TSMUL_BODY, (FPTRISMUL(A, B, f))),
       SVE3("FTSSEL", TSSEL_BODY, (fplib::fp_trig_select(A, B))),
+      ROW("FSCALE h", K_H, K_I16, K_NONE, M_h, SVE("ptrue p0.h\n\tfscale z1.h, p0/m, z1.h, z2.h\n\tmov z0.d, z1.d"), H,
+          (FPScale16(A, short(B), f))),
+      ROW("FSCALE s", K_S, K_W, K_NONE, M_s, SVE("ptrue p0.s\n\tfscale z1.s, p0/m, z1.s, z2.s\n\tmov z0.d, z1.d"), S,
+          (FPScale32(A, int(B), f))),
+      ROW("FSCALE d", K_D, K_X, K_NONE, M_d, SVE("ptrue p0.d\n\tfscale z1.d, p0/m, z1.d, z2.d\n\tmov z0.d, z1.d"), D,
+          (FPScale64(A, long(B), f))),
+      ROW("FCVTXN d>s", K_D, K_NONE, K_NONE, M_s, "fcvtxn s0, d1" FR, D, (FPConvert<D, S>(A, FPRounding_ODD, f))),
       ROW("FEXPA h", K_H, K_NONE, K_NONE, M_h, SVE("fexpa z0.h, z1.h"), H, (FPEXPA(A))),
       ROW("FEXPA s", K_S, K_NONE, K_NONE, M_s, SVE("fexpa z0.s, z1.s"), S, (FPEXPA(A))),
       ROW("FEXPA d", K_D, K_NONE, K_NONE, M_d, SVE("fexpa z0.d, z1.d"), D, (FPEXPA(A))),
@@ -300,7 +307,7 @@ uint64_t gen_int(Rng& g, int bits) {
   uint64_t mask = bits == 64 ? ~0ull : (uint64_t(1) << bits) - 1;
   uint64_t v;
   switch (g.below(6)) {
-    case 0: v = g.below(64) - 32; break;
+    case 0: v = g.below(2) ? g.below(64) - 32 : g.below(8400) - 4200; break;
     case 1: v = (uint64_t(1) << g.below(uint64_t(bits))) + g.below(5) - 2; break;
     case 2: v = uint64_t(0) - (uint64_t(1) << g.below(uint64_t(bits))) + g.below(5) - 2; break;
     case 3: v = g.next() >> g.below(64); break;
