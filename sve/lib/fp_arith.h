@@ -8,36 +8,56 @@
 
 namespace fplib {
 
-// Sum of two unpacked finite values (not both zero of one sign), rounded.
-// Raises what the rounding core raises.
-template <class T>
-inline T fp_add_core(int as, int ae, T am, int bs, int be, T bm, int mode, int& flags) {
-  typedef typename Fmt<T>::Calc C;
-  constexpr int F = Fmt<T>::F;
-  C x = C(C(am) << 3), y = C(C(bm) << 3);
-  int e = ae;
-  if (ae > be) {
-    y = shift_right_sticky(y, ae - be);
-  } else if (be > ae) {
-    x = shift_right_sticky(x, be - ae);
-    e = be;
+// x * 2^(kx - bias) + y * 2^(ky - bias), each given as a sign and a
+// magnitude below 2^(bits(U) - 2), aligned with a sticky bit and rounded
+// once, the exponent raised by `scale` first. An exact zero sum is +0, or
+// -0 when rounding towards minus infinity. Raises the rounding flags.
+template <class T, class U>
+inline T fp_add_terms(int sx, int kx, U x, int sy, int ky, U y, int scale, int mode, int& flags) {
+  if (!y) {
+    // x alone
+  } else if (!x) {
+    x = y;
+    y = 0;
+    kx = ky;
+    sx = sy;
+  } else if (kx > ky) {
+    y = shift_right_sticky(y, kx - ky);
+  } else if (ky > kx) {
+    x = shift_right_sticky(x, ky - kx);
+    kx = ky;
   }
-  int sgn = as;
-  if (as == bs) {
+  int sgn = sx;
+  if (sx == sy) {
     x += y;
   } else if (x >= y) {
     x -= y;
   } else {
     x = y - x;
-    sgn ^= 1;
+    sgn = sy;
   }
   if (!x) return fp_zero<T>((mode & FPLIB_RM) == FPRounding_NEGINF);
-  return fp_round_wide<T>(sgn, e - F - 3 + bits_of<C>() - 1, x, mode & FPLIB_RM, mode, flags);
+  return fp_round_wide<T>(sgn, kx + bits_of<U>() - 1 + scale, x, mode & FPLIB_RM, mode, flags);
+}
+
+// Sum of two unpacked finite values (not both zero of one sign), rounded,
+// with three guard bits below each mantissa.
+template <class T>
+inline T fp_add_core(int as, int ae, T am, int bs, int be, T bm, int mode, int& flags) {
+  typedef typename Fmt<T>::Calc C;
+  constexpr int F = Fmt<T>::F;
+  return fp_add_terms<T, C>(as, ae - F - 3, C(C(am) << 3), bs, be - F - 3, C(C(bm) << 3), 0, mode, flags);
 }
 
 // a + b, or a - b with `negate_b`. IOC for inf - inf; rounding flags.
 template <class T> inline T fp_add_sub(T a, T b, bool negate_b, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
+  if (__builtin_expect(fp_is_normal(a) && fp_is_normal(b), 1)) {
+    T r = fp_add_core<T>(fp_sign_of(a), fp_exp_of(a), fp_mnt_of_normal(a), fp_sign_of(b) ^ int(negate_b),
+                         fp_exp_of(b), fp_mnt_of_normal(b), mode, flags);
+    fp_set_flags(flags, fpscr);
+    return r;
+  }
   int as, ae, bs, be;
   T am, bm;
   fp_unpack(as, ae, am, a, mode, flags);
@@ -79,6 +99,12 @@ inline T fp_mul_core(int sgn, int ae, T am, int be, T bm, int mode, int& flags) 
 // signed, without a flag.
 template <class T> inline T fp_mul(T a, T b, bool mulx, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
+  if (__builtin_expect(fp_is_normal(a) && fp_is_normal(b), 1)) {
+    T r = fp_mul_core<T>(fp_sign_of(a) ^ fp_sign_of(b), fp_exp_of(a), fp_mnt_of_normal(a), fp_exp_of(b),
+                         fp_mnt_of_normal(b), mode, flags);
+    fp_set_flags(flags, fpscr);
+    return r;
+  }
   int as, ae, bs, be;
   T am, bm;
   fp_unpack(as, ae, am, a, mode, flags);
@@ -138,37 +164,10 @@ template <class T> T fp_muladd(T c, T a, T b, int scale, int mode, int& flags) {
   if (ainf || binf) return fp_infinity<T>(ps);
   if (!cm && (!am || !bm) && cs == ps) return fp_zero<T>(cs);
 
-  // Both terms with their top bit at or below UW - 3 (room for the carry),
-  // value = X * 2^(k - bias).
+  // Both terms below 2^(UW - 2), so that the sum has room for its carry.
   constexpr int sa = UW - 3 - F, sp = UW - 4 - 2 * F;
-  U x = U(cm) << sa;
-  int k = ce - F - sa;
-  U y = (U(am) * U(bm)) << sp;
-  int ky = ae + be - BIAS - 2 * F - sp;
-  if (!y) {
-    // the addend alone
-  } else if (!x) {
-    x = y;
-    y = 0;
-    k = ky;
-    cs = ps;
-  } else if (k > ky) {
-    y = shift_right_sticky(y, k - ky);
-  } else if (ky > k) {
-    x = shift_right_sticky(x, ky - k);
-    k = ky;
-  }
-  int sgn = cs;
-  if (cs == ps) {
-    x += y;
-  } else if (x >= y) {
-    x -= y;
-  } else {
-    x = y - x;
-    sgn = ps;
-  }
-  if (!x) return fp_zero<T>((mode & FPLIB_RM) == FPRounding_NEGINF);
-  return fp_round_wide<T>(sgn, k + UW - 1 + scale, x, mode & FPLIB_RM, mode, flags);
+  return fp_add_terms<T, U>(cs, ce - F - sa, U(cm) << sa, ps, ae + be - BIAS - 2 * F - sp, (U(am) * U(bm)) << sp,
+                            scale, mode, flags);
 }
 
 template <class T> T FPMulAdd(T addend, T a, T b, FPSCR& fpscr) {

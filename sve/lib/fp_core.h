@@ -97,6 +97,15 @@ template <class T> inline bool fp_is_nan(T x) { return T(x & ~fmt_sign<T>()) > f
 template <class T> inline bool fp_is_snan(T x) { return fp_is_nan(x) && !(x & fmt_quiet<T>()); }
 template <class T> inline bool fp_is_qnan(T x) { return fp_is_nan(x) && (x & fmt_quiet<T>()); }
 
+// Normal numbers, neither zero, denormal, infinite nor NaN: the fast paths'
+// test, after which no flush or special case applies.
+template <class T> inline bool fp_is_normal(T x) {
+  return unsigned(int((x >> Fmt<T>::F) & T(fmt_emax<T>())) - 1) < unsigned(fmt_emax<T>() - 1);
+}
+template <class T> inline int fp_sign_of(T x) { return int(x >> (Fmt<T>::W - 1)); }
+template <class T> inline int fp_exp_of(T x) { return int((x >> Fmt<T>::F) & T(fmt_emax<T>())); }
+template <class T> inline T fp_mnt_of_normal(T x) { return T((x & fmt_frac_mask<T>()) | fmt_hidden<T>()); }
+
 // Tests on unpacked fields.
 template <class T> inline bool fp_is_zero(int /*exp*/, T mnt) { return mnt == 0; }
 template <class T> inline bool fp_is_infinite(int exp, T mnt) {

@@ -257,7 +257,7 @@ FmtInfo info(Kind k) {
 uint64_t patterned(Rng& g, uint64_t frac, int fbits) {
   int p = int(g.below(uint64_t(fbits) + 1));
   if (!p) return frac;
-  uint64_t low = (uint64_t(1) << p) - 1, half = uint64_t(1) << (p - 1);
+  uint64_t low = p >= 64 ? ~0ull : (uint64_t(1) << p) - 1, half = uint64_t(1) << (p - 1);
   static const int n = 5;
   uint64_t pats[n] = {0, half, half - 1, half | 1, low};
   return (frac & ~low) | (pats[g.below(n)] & low);
