@@ -50,14 +50,8 @@ inline T fp_add_core(int as, int ae, T am, int bs, int be, T bm, int mode, int& 
 }
 
 // a + b, or a - b with `negate_b`. IOC for inf - inf; rounding flags.
-template <class T> inline T fp_add_sub(T a, T b, bool negate_b, FPSCR& fpscr) {
+template <class T> __attribute__((noinline)) T fp_add_sub_any(T a, T b, bool negate_b, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
-  if (__builtin_expect(fp_is_normal(a) && fp_is_normal(b), 1)) {
-    T r = fp_add_core<T>(fp_sign_of(a), fp_exp_of(a), fp_mnt_of_normal(a), fp_sign_of(b) ^ int(negate_b),
-                         fp_exp_of(b), fp_mnt_of_normal(b), mode, flags);
-    fp_set_flags(flags, fpscr);
-    return r;
-  }
   int as, ae, bs, be;
   T am, bm;
   fp_unpack(as, ae, am, a, mode, flags);
@@ -83,6 +77,16 @@ template <class T> inline T fp_add_sub(T a, T b, bool negate_b, FPSCR& fpscr) {
   return r;
 }
 
+// Two normal operands inline; anything else out of line.
+template <class T> inline T fp_add_sub(T a, T b, bool negate_b, FPSCR& fpscr) {
+  if (__builtin_expect(!fp_is_normal(a) || !fp_is_normal(b), 0)) return fp_add_sub_any(a, b, negate_b, fpscr);
+  int mode = fp_mode_word(fpscr), flags = 0;
+  T r = fp_add_core<T>(fp_sign_of(a), fp_exp_of(a), fp_mnt_of_normal(a), fp_sign_of(b) ^ int(negate_b), fp_exp_of(b),
+                       fp_mnt_of_normal(b), mode, flags);
+  fp_set_flags(flags, fpscr);
+  return r;
+}
+
 template <class T> T FPAdd(T a, T b, FPSCR& fpscr) { return fp_add_sub(a, b, false, fpscr); }
 template <class T> T FPSub(T a, T b, FPSCR& fpscr) { return fp_add_sub(a, b, true, fpscr); }
 
@@ -97,14 +101,8 @@ inline T fp_mul_core(int sgn, int ae, T am, int be, T bm, int mode, int& flags) 
 
 // a * b. IOC for inf * 0; rounding flags. With `mulx`, inf * 0 is 2.0
 // signed, without a flag.
-template <class T> inline T fp_mul(T a, T b, bool mulx, FPSCR& fpscr) {
+template <class T> __attribute__((noinline)) T fp_mul_any(T a, T b, bool mulx, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
-  if (__builtin_expect(fp_is_normal(a) && fp_is_normal(b), 1)) {
-    T r = fp_mul_core<T>(fp_sign_of(a) ^ fp_sign_of(b), fp_exp_of(a), fp_mnt_of_normal(a), fp_exp_of(b),
-                         fp_mnt_of_normal(b), mode, flags);
-    fp_set_flags(flags, fpscr);
-    return r;
-  }
   int as, ae, bs, be;
   T am, bm;
   fp_unpack(as, ae, am, a, mode, flags);
@@ -128,6 +126,16 @@ template <class T> inline T fp_mul(T a, T b, bool mulx, FPSCR& fpscr) {
       r = fp_mul_core<T>(sgn, ae, am, be, bm, mode, flags);
     }
   }
+  fp_set_flags(flags, fpscr);
+  return r;
+}
+
+// Two normal operands inline; anything else out of line.
+template <class T> inline T fp_mul(T a, T b, bool mulx, FPSCR& fpscr) {
+  if (__builtin_expect(!fp_is_normal(a) || !fp_is_normal(b), 0)) return fp_mul_any(a, b, mulx, fpscr);
+  int mode = fp_mode_word(fpscr), flags = 0;
+  T r = fp_mul_core<T>(fp_sign_of(a) ^ fp_sign_of(b), fp_exp_of(a), fp_mnt_of_normal(a), fp_exp_of(b),
+                       fp_mnt_of_normal(b), mode, flags);
   fp_set_flags(flags, fpscr);
   return r;
 }
