@@ -10,7 +10,7 @@
 #include <random>
 #include <vector>
 
-#include "sve/lib/fp_arith.h"
+#include "sve/lib/fp_lib.h"
 
 namespace {
 

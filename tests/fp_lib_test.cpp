@@ -5,8 +5,7 @@
 // reaches is compared with the reference by tests/fplib.
 #include <gtest/gtest.h>
 
-#include "sve/lib/fp_convert.h"
-#include "sve/lib/fp_estimate.h"
+#include "sve/lib/fp_lib.h"
 
 namespace {
 

@@ -52,25 +52,22 @@ inline T fp_add_core(int as, int ae, T am, int bs, int be, T bm, int mode, int& 
 // a + b, or a - b with `negate_b`. IOC for inf - inf; rounding flags.
 template <class T> __attribute__((noinline)) T fp_add_sub_any(T a, T b, bool negate_b, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
-  int as, ae, bs, be;
-  T am, bm;
-  fp_unpack(as, ae, am, a, mode, flags);
-  fp_unpack(bs, be, bm, b, mode, flags);
+  FpOp<T> A = fp_unpacked(a, mode, flags), B = fp_unpacked(b, mode, flags);
   T r = fp_process_NaNs(a, b, mode, flags);
   if (!r) {
-    bs ^= int(negate_b);
-    bool ainf = fp_is_infinite<T>(ae, am), binf = fp_is_infinite<T>(be, bm);
-    if (ainf && binf && as != bs) {
+    B.sgn ^= int(negate_b);
+    bool ainf = A.inf(), binf = B.inf();
+    if (ainf && binf && A.sgn != B.sgn) {
       flags |= FPLIB_IOC;
       r = fp_default_nan<T>();
     } else if (ainf) {
-      r = fp_infinity<T>(as);
+      r = fp_infinity<T>(A.sgn);
     } else if (binf) {
-      r = fp_infinity<T>(bs);
-    } else if (!am && !bm && as == bs) {
-      r = fp_zero<T>(as);
+      r = fp_infinity<T>(B.sgn);
+    } else if (!A.mnt && !B.mnt && A.sgn == B.sgn) {
+      r = fp_zero<T>(A.sgn);
     } else {
-      r = fp_add_core<T>(as, ae, am, bs, be, bm, mode, flags);
+      r = fp_add_core<T>(A.sgn, A.exp, A.mnt, B.sgn, B.exp, B.mnt, mode, flags);
     }
   }
   fp_set_flags(flags, fpscr);
@@ -103,15 +100,12 @@ inline T fp_mul_core(int sgn, int ae, T am, int be, T bm, int mode, int& flags) 
 // signed, without a flag.
 template <class T> __attribute__((noinline)) T fp_mul_any(T a, T b, bool mulx, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
-  int as, ae, bs, be;
-  T am, bm;
-  fp_unpack(as, ae, am, a, mode, flags);
-  fp_unpack(bs, be, bm, b, mode, flags);
+  FpOp<T> A = fp_unpacked(a, mode, flags), B = fp_unpacked(b, mode, flags);
   T r = fp_process_NaNs(a, b, mode, flags);
   if (!r) {
-    bool ainf = fp_is_infinite<T>(ae, am), binf = fp_is_infinite<T>(be, bm);
-    int sgn = as ^ bs;
-    if ((ainf && !bm) || (binf && !am)) {
+    bool ainf = A.inf(), binf = B.inf();
+    int sgn = A.sgn ^ B.sgn;
+    if ((ainf && !B.mnt) || (binf && !A.mnt)) {
       if (mulx) {
         r = fp_two<T>(sgn);
       } else {
@@ -120,10 +114,10 @@ template <class T> __attribute__((noinline)) T fp_mul_any(T a, T b, bool mulx, F
       }
     } else if (ainf || binf) {
       r = fp_infinity<T>(sgn);
-    } else if (!am || !bm) {
+    } else if (!A.mnt || !B.mnt) {
       r = fp_zero<T>(sgn);
     } else {
-      r = fp_mul_core<T>(sgn, ae, am, be, bm, mode, flags);
+      r = fp_mul_core<T>(sgn, A.exp, A.mnt, B.exp, B.mnt, mode, flags);
     }
   }
   fp_set_flags(flags, fpscr);
@@ -190,33 +184,30 @@ template <class T> T FPDiv(T a, T b, FPSCR& fpscr) {
   typedef typename Fmt<T>::Wide U;
   constexpr int BIAS = Fmt<T>::BIAS, UW = bits_of<U>();
   int mode = fp_mode_word(fpscr), flags = 0;
-  int as, ae, bs, be;
-  T am, bm;
-  fp_unpack(as, ae, am, a, mode, flags);
-  fp_unpack(bs, be, bm, b, mode, flags);
+  FpOp<T> A = fp_unpacked(a, mode, flags), B = fp_unpacked(b, mode, flags);
   T r = fp_process_NaNs(a, b, mode, flags);
   if (!r) {
-    bool ainf = fp_is_infinite<T>(ae, am), binf = fp_is_infinite<T>(be, bm);
-    int sgn = as ^ bs;
-    if ((ainf && binf) || (!am && !bm)) {
+    bool ainf = A.inf(), binf = B.inf();
+    int sgn = A.sgn ^ B.sgn;
+    if ((ainf && binf) || (!A.mnt && !B.mnt)) {
       flags |= FPLIB_IOC;
       r = fp_default_nan<T>();
-    } else if (ainf || !bm) {
+    } else if (ainf || !B.mnt) {
       if (!ainf) flags |= FPLIB_DZC;
       r = fp_infinity<T>(sgn);
-    } else if (!am || binf) {
+    } else if (!A.mnt || binf) {
       r = fp_zero<T>(sgn);
     } else {
       // Both mantissas normalised to the top of T; the dividend raised to
       // the top of the wide word gives a quotient of more than F + 3 bits.
-      fp_normalise(am, ae);
-      fp_normalise(bm, be);
+      fp_normalise(A.mnt, A.exp);
+      fp_normalise(B.mnt, B.exp);
       // Both now have their top bit at W-1; a/b in (1/2, 2).
-      U n = U(am) << (UW - bits_of<T>());
-      U d = U(bm);
+      U n = U(A.mnt) << (UW - bits_of<T>());
+      U d = U(B.mnt);
       U q = n / d;
       q |= U(q * d != n);
-      r = fp_round_wide<T>(sgn, ae - be - (UW - bits_of<T>()) + BIAS + UW - 1, q, mode & FPLIB_RM, mode,
+      r = fp_round_wide<T>(sgn, A.exp - B.exp - (UW - bits_of<T>()) + BIAS + UW - 1, q, mode & FPLIB_RM, mode,
                            flags);
     }
   }
@@ -302,14 +293,11 @@ template <class T> inline T fp_repack(int s, int e, T m) {
 // Maximum (`max`) or minimum; NaNs as for add (IOC for a signalling one).
 template <class T> inline T fp_minmax(T a, T b, bool max, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
-  int as, ae, bs, be;
-  T am, bm;
-  fp_unpack(as, ae, am, a, mode, flags);
-  fp_unpack(bs, be, bm, b, mode, flags);
+  FpOp<T> A = fp_unpacked(a, mode, flags), B = fp_unpacked(b, mode, flags);
   T r = fp_process_NaNs(a, b, mode, flags);
   if (!r) {
-    bool take_a = max ? (as != bs ? bool(bs) : bool(as ^ (a > b))) : (as != bs ? bool(as) : bool(as ^ (a < b)));
-    r = take_a ? fp_repack<T>(as, ae, am) : fp_repack<T>(bs, be, bm);
+    bool take_a = max ? (A.sgn != B.sgn ? bool(B.sgn) : bool(A.sgn ^ (a > b))) : (A.sgn != B.sgn ? bool(A.sgn) : bool(A.sgn ^ (a < b)));
+    r = take_a ? fp_repack<T>(A.sgn, A.exp, A.mnt) : fp_repack<T>(B.sgn, B.exp, B.mnt);
   }
   fp_set_flags(flags, fpscr);
   return r;
@@ -345,10 +333,7 @@ enum FpCmpKind { FP_CMP_EQ, FP_CMP_GE, FP_CMP_GT, FP_CMP_UN };
 
 template <class T> inline bool fp_compare(T a, T b, FpCmpKind kind, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
-  int as, ae, bs, be;
-  T am, bm;
-  fp_unpack(as, ae, am, a, mode, flags);
-  fp_unpack(bs, be, bm, b, mode, flags);
+  FpOp<T> A = fp_unpacked(a, mode, flags), B = fp_unpacked(b, mode, flags);
   bool r;
   if (fp_is_nan(a) || fp_is_nan(b)) {
     if (kind == FP_CMP_GE || kind == FP_CMP_GT || fp_is_snan(a) || fp_is_snan(b)) flags |= FPLIB_IOC;
@@ -356,15 +341,15 @@ template <class T> inline bool fp_compare(T a, T b, FpCmpKind kind, FPSCR& fpscr
   } else if (kind == FP_CMP_UN) {
     r = false;
   } else if (kind == FP_CMP_EQ) {
-    r = a == b || (!am && !bm);
-  } else if (!am && !bm) {
+    r = a == b || (!A.mnt && !B.mnt);
+  } else if (!A.mnt && !B.mnt) {
     r = kind == FP_CMP_GE;
-  } else if (as != bs) {
-    r = bs;
-  } else if (ae != be) {
-    r = as ^ (ae > be);
-  } else if (am != bm) {
-    r = as ^ (am > bm);
+  } else if (A.sgn != B.sgn) {
+    r = B.sgn;
+  } else if (A.exp != B.exp) {
+    r = A.sgn ^ (A.exp > B.exp);
+  } else if (A.mnt != B.mnt) {
+    r = A.sgn ^ (A.mnt > B.mnt);
   } else {
     r = kind == FP_CMP_GE;
   }
@@ -381,21 +366,18 @@ template <class T> bool FPCompareUN(T a, T b, FPSCR& fpscr) { return fp_compare(
 // for a signalling NaN, or any NaN with `signal_nans` (FCMPE).
 template <class T> int FPCompare(T a, T b, bool signal_nans, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
-  int as, ae, bs, be;
-  T am, bm;
-  fp_unpack(as, ae, am, a, mode, flags);
-  fp_unpack(bs, be, bm, b, mode, flags);
+  FpOp<T> A = fp_unpacked(a, mode, flags), B = fp_unpacked(b, mode, flags);
   int r;
   if (fp_is_nan(a) || fp_is_nan(b)) {
     if (signal_nans || fp_is_snan(a) || fp_is_snan(b)) flags |= FPLIB_IOC;
     r = 3;
-  } else if (a == b || (!am && !bm)) {
+  } else if (a == b || (!A.mnt && !B.mnt)) {
     r = 6;
-  } else if (as != bs) {
-    r = as ? 8 : 2;
+  } else if (A.sgn != B.sgn) {
+    r = A.sgn ? 8 : 2;
   } else {
-    bool mag_less = ae != be ? ae < be : am < bm;
-    r = (mag_less ^ bool(as)) ? 8 : 2;
+    bool mag_less = A.exp != B.exp ? A.exp < B.exp : A.mnt < B.mnt;
+    r = (mag_less ^ bool(A.sgn)) ? 8 : 2;
   }
   fp_set_flags(flags, fpscr);
   return r;

@@ -169,6 +169,18 @@ template <class T> inline void fp_unpack(int& sgn, int& exp, T& mnt, T x, int mo
   }
 }
 
+// An operand unpacked: value = mnt * 2^(exp - bias - F).
+template <class T> struct FpOp {
+  int sgn, exp;
+  T mnt;
+  bool inf() const { return fp_is_infinite<T>(exp, mnt); }
+};
+template <class T> inline FpOp<T> fp_unpacked(T x, int mode, int& flags) {
+  FpOp<T> o;
+  fp_unpack(o.sgn, o.exp, o.mnt, x, mode, flags);
+  return o;
+}
+
 template <class T> inline T fp_process_NaN(T a, int mode, int& flags) {
   if (!(a & fmt_quiet<T>())) {
     flags |= FPLIB_IOC;

@@ -126,17 +126,14 @@ template <class T> T FPRecpX(T op, FPSCR& fpscr) {
 template <class T> inline T fp_step_fused(T op1, T op2, T base, int scale, T inf_zero, FPSCR& fpscr) {
   int mode = fp_mode_word(fpscr), flags = 0;
   op1 = FPNeg(op1);
-  int as, ae, bs, be;
-  T am, bm;
-  fp_unpack(as, ae, am, op1, mode, flags);
-  fp_unpack(bs, be, bm, op2, mode, flags);
+  FpOp<T> A = fp_unpacked(op1, mode, flags), B = fp_unpacked(op2, mode, flags);
   T r = fp_process_NaNs(op1, op2, mode, flags);
   if (!r) {
-    bool ainf = fp_is_infinite<T>(ae, am), binf = fp_is_infinite<T>(be, bm);
-    if ((ainf && !bm) || (binf && !am)) {
+    bool ainf = A.inf(), binf = B.inf();
+    if ((ainf && !B.mnt) || (binf && !A.mnt)) {
       r = inf_zero;
     } else if (ainf || binf) {
-      r = fp_infinity<T>(as ^ bs);
+      r = fp_infinity<T>(A.sgn ^ B.sgn);
     } else {
       r = fp_muladd<T>(base, op1, op2, scale, mode, flags);
     }

@@ -3,8 +3,7 @@
 #include <cmath>
 #include <cstring>
 
-#include "sve/lib/fp_convert.h"
-#include "sve/lib/fp_estimate.h"
+#include "sve/lib/fp_lib.h"
 
 typedef unsigned short H;
 typedef unsigned int S;

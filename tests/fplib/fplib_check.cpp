@@ -19,8 +19,7 @@
 #include <string>
 #include <vector>
 
-#include "sve/lib/fp_convert.h"
-#include "sve/lib/fp_estimate.h"
+#include "sve/lib/fp_lib.h"
 
 namespace {
 
