@@ -62,6 +62,18 @@ template <class S, class D> D FPConvert(S op, FPRounding rounding, FPSCR& fpscr)
   return r;
 }
 
+// 1 if an integer x with rounding error `err` (0 exact, 1 below half, 2
+// half, 3 above half) rounds up in magnitude, else 0.
+inline uint64_t fp_int_round_up(FPRounding rounding, int err, int sgn, uint64_t x) {
+  switch (rounding) {
+    case FPRounding_TIEEVEN: return err == 3 || (err == 2 && (x & 1));
+    case FPRounding_POSINF: return err && !sgn;
+    case FPRounding_NEGINF: return err && sgn;
+    case FPRounding_TIEAWAY: return uint64_t(err >> 1);
+    default: return 0;
+  }
+}
+
 // The integer conversion core: a mantissa at a double's position (hidden
 // bit at 52) and a double-biased exponent with the fraction bits already
 // added. Assigns IOC (out of range, saturated) or IXC (inexact) to `flags`.
@@ -77,13 +89,7 @@ inline uint64_t FPToFixed_64(int sgn, int exp, uint64_t mnt, bool is_unsigned, F
   } else {
     err = int((m >> (s - 2)) & 3) | int((m & ((uint64_t(1) << (s - 2)) - 1)) != 0);
   }
-  switch (rounding) {
-    case FPRounding_TIEEVEN: x += (err == 3 || (err == 2 && (x & 1))); break;
-    case FPRounding_POSINF: x += (err && !sgn); break;
-    case FPRounding_NEGINF: x += (err && sgn); break;
-    case FPRounding_TIEAWAY: x += uint64_t(err >> 1); break;
-    default: break;
-  }
+  x += fp_int_round_up(rounding, err, sgn, x);
   if (is_unsigned ? (sgn && x) : (x > (uint64_t(1) << 63) - 1 + uint64_t(sgn))) {
     *flags = FPLIB_IOC;
     return (uint64_t(is_unsigned ? 0 : 1) << 63) - uint64_t(sgn ? 0 : 1);
@@ -149,35 +155,27 @@ template <class T> T fplibFixedToFP(uint64_t op, int fbits, bool is_unsigned, FP
 template <class T> T FPRoundInt(T op, FPRounding rounding, bool exact, FPSCR& fpscr) {
   constexpr int F = Fmt<T>::F, BIAS = Fmt<T>::BIAS, EXPINT = BIAS + F;
   int mode = fp_mode_word(fpscr), flags = 0;
-  int sgn, exp;
-  T mnt;
-  fp_unpack(sgn, exp, mnt, op, mode, flags);
+  FpOp<T> A = fp_unpacked(op, mode, flags);
   T r;
   if (fp_is_nan(op)) {
     r = fp_process_NaN(op, mode, flags);
-  } else if (fp_is_infinite<T>(exp, mnt)) {
-    r = fp_infinity<T>(sgn);
-  } else if (!mnt) {
-    r = fp_zero<T>(sgn);
-  } else if (exp >= EXPINT) {
+  } else if (A.inf()) {
+    r = fp_infinity<T>(A.sgn);
+  } else if (!A.mnt) {
+    r = fp_zero<T>(A.sgn);
+  } else if (A.exp >= EXPINT) {
     r = op;
   } else {
-    int s = EXPINT - exp;  // at least 1
-    uint64_t m = mnt;
+    int s = EXPINT - A.exp;  // at least 1
+    uint64_t m = A.mnt;
     uint64_t x = s >= 64 ? 0 : m >> s;
     int err = s > 64 ? 1 : int(((m >> (s - 1)) & 1) << 1) | int((m & ((uint64_t(1) << (s - 1)) - 1)) != 0);
-    switch (rounding) {
-      case FPRounding_TIEEVEN: x += (err == 3 || (err == 2 && (x & 1))); break;
-      case FPRounding_POSINF: x += (err && !sgn); break;
-      case FPRounding_NEGINF: x += (err && sgn); break;
-      case FPRounding_TIEAWAY: x += uint64_t(err >> 1); break;
-      default: break;
-    }
+    x += fp_int_round_up(rounding, err, A.sgn, x);
     if (!x) {
-      r = fp_zero<T>(sgn);
+      r = fp_zero<T>(A.sgn);
     } else {
       int lz = clz(x);
-      r = fp_pack<T>(sgn, BIAS + 63 - lz, T((x << lz) >> (63 - F)));
+      r = fp_pack<T>(A.sgn, BIAS + 63 - lz, T((x << lz) >> (63 - F)));
     }
     if (err && exact) flags |= FPLIB_IXC;
   }
@@ -190,19 +188,17 @@ template <class T> T FPRoundInt(T op, FPRounding rounding, bool exact, FPSCR& fp
 template <class T> T fp_scale(T op, long n, FPSCR& fpscr) {
   constexpr long lim = Fmt<T>::W == 16 ? 60 : Fmt<T>::W == 32 ? 300 : 3000;
   int mode = fp_mode_word(fpscr), flags = 0;
-  int sgn, exp;
-  T mnt;
-  fp_unpack(sgn, exp, mnt, op, mode, flags);
+  FpOp<T> A = fp_unpacked(op, mode, flags);
   T r;
   if (fp_is_nan(op)) {
     r = fp_process_NaN(op, mode, flags);
-  } else if (!mnt) {
-    r = fp_zero<T>(sgn);
-  } else if (fp_is_infinite<T>(exp, mnt)) {
-    r = fp_infinity<T>(sgn);
+  } else if (!A.mnt) {
+    r = fp_zero<T>(A.sgn);
+  } else if (A.inf()) {
+    r = fp_infinity<T>(A.sgn);
   } else {
     n = n < -lim ? -lim : n > lim ? lim : n;
-    r = fp_round_wide<T>(sgn, exp + int(n) - Fmt<T>::F + Fmt<T>::W - 1, mnt, mode & FPLIB_RM, mode, flags);
+    r = fp_round_wide<T>(A.sgn, A.exp + int(n) - Fmt<T>::F + Fmt<T>::W - 1, A.mnt, mode & FPLIB_RM, mode, flags);
   }
   fp_set_flags(flags, fpscr);
   return r;
