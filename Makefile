@@ -7,7 +7,7 @@
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle clean
+.PHONY: demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle fplib-check clean
 
 setup:
 	@tools/setup.sh
@@ -70,6 +70,16 @@ oracle: aarch64
 	echo "oracle seed: $$seed"; \
 	qemu-aarch64 -cpu max,sve-max-vq=3 -L /usr/aarch64-linux-gnu build/aarch64/tests/oracle/quern-oracle \
 	  --trials $(ORACLE_TRIALS) --seed $$seed --report build/aarch64/oracle-report.tsv $(ORACLE_FLAGS)
+
+# The floating-point library against the reference processor's instructions,
+# at length: FPLIB_CASES random cases per row and every 16-bit input of the
+# one-operand rows, a fresh seed (or FPLIB_SEED=...).
+FPLIB_CASES ?= 100000
+fplib-check: build/aarch64/Makefile
+	cmake --build build/aarch64 -j $(JOBS) --target fplib_check
+	@seed=$${FPLIB_SEED:-$$(od -An -N4 -tu4 /dev/urandom | tr -d ' ')}; \
+	qemu-aarch64 -cpu max,sve-max-vq=3 -L /usr/aarch64-linux-gnu build/aarch64/tests/fplib/fplib_check \
+	  --cases $(FPLIB_CASES) --seed $$seed --exhaustive
 
 clean:
 	rm -rf build
