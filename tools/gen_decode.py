@@ -285,6 +285,7 @@ def subsystem(adapter):
 def generate(maps, rows, print_only):
     decls = {}       # name -> declaration
     adapters = []
+    entries = []     # the adapters without the presence test, for rewritten code
     describes = []
     row_descs = []
     for idx, r in enumerate(rows):
@@ -316,7 +317,7 @@ def generate(maps, rows, print_only):
             else:
                 body = f'  cs->encoding = w;\n  return ::{call};\n'
             # Arguments are evaluated before the encoding store; both only read the word.
-            body = f'  if (!&::{r.road}) return report_unimplemented(cs, w, "{r.road}");\n' + body
+            check = f'  if (!&::{r.road}) return report_unimplemented(cs, w, "{r.road}");\n'
             target = f'reinterpret_cast<void (*)()>(&::{r.road})'
         else:
             if '=>' not in ' '.join(toks) or not toks[-1].startswith('=>'):
@@ -335,14 +336,23 @@ def generate(maps, rows, print_only):
             decl = f'{rtype} {r.adapter}({"".join(p + ", " for p in params)}CpuContext*)'
             decls[r.adapter] = decl
             call = f'::{r.adapter}({"".join(a + ", " for a in args)}&c)'
-            body = (f'  if (!&::{r.adapter}) return report_unimplemented(cs, w, "{r.adapter}");\n'
-                    f'  CpuContext c = make_context(cs);\n')
+            check = f'  if (!&::{r.adapter}) return report_unimplemented(cs, w, "{r.adapter}");\n'
+            body = '  CpuContext c = make_context(cs);\n'
             body += f'  {rtype} r = {call};\n  {put};\n' if put else f'  {call};\n'
             body += '  finish_context(cs, c);\n  return AARCH64_DECODE_OK;\n'
             target = f'reinterpret_cast<void (*)()>(&::{r.adapter})'
         if used & r.mask:
             raise TableError(f'{r.line}: operand bits 0x{used & r.mask:08x} are fixed by the row')
-        adapters.append(f'static aarch64_decode_rc {r.adapter}(cpu_state* cs, unsigned int w) {{\n{body}}}\n')
+        # The adapter tests that its operation has landed on every call; its
+        # entry, for code that made that test once beforehand, does not.
+        if r.road == 'N':
+            adapters.append(f'static aarch64_decode_rc {r.adapter}(cpu_state* cs, unsigned int w) {{\n{body}}}\n')
+            entries.append(f'  &adapter::{r.adapter},\n')
+        else:
+            adapters.append(f'static aarch64_decode_rc {r.adapter}_entry(cpu_state* cs, unsigned int w) {{\n{body}}}\n'
+                            f'static aarch64_decode_rc {r.adapter}(cpu_state* cs, unsigned int w) {{\n{check}'
+                            f'  return {r.adapter}_entry(cs, w);\n}}\n')
+            entries.append(f'  &adapter::{r.adapter}_entry,\n')
         lines = ''.join(f'  out("{t}", uint64_t({v}));\n' for t, v in described)
         describes.append(f'static void {r.adapter}(unsigned int w, operand_sink& out) {{\n'
                          f'  (void)w; (void)out;\n{lines}}}\n')
@@ -356,6 +366,9 @@ def generate(maps, rows, print_only):
     out.append('}  // namespace adapter\n\n')
     out.append(f'const decode_row decode_rows[{len(rows)}] = {{\n')
     out += row_descs
+    out.append('};\n\n')
+    out.append(f'const sve_handler_fn decode_entries[{len(rows)}] = {{\n')
+    out += entries
     out.append('};\n\n')
     for i, (name, ranges, count) in enumerate(maps):
         first = next(j for j, r in enumerate(rows) if r.map_index == i)

@@ -63,3 +63,16 @@ struct operand_sink {
 };
 using operand_describer = void (*)(unsigned int word, operand_sink& out);
 extern const operand_describer operand_describers[kDecodeRows];
+
+// ---- entries for rewritten code ----------------------------------------------
+
+// Row by row, the adapter without its test that the operation has landed: for
+// code that makes that test once, when it is built. Only valid for a row whose
+// row_implemented() is true; row_entry() chooses.
+extern const sve_handler_fn decode_entries[kDecodeRows];
+
+// What rewritten code should call for a row: the entry once its operation has
+// landed, else the adapter, which reports the instruction as unimplemented.
+inline sve_handler_fn row_entry(const decode_row& r) {
+  return row_implemented(r) ? decode_entries[&r - decode_rows] : r.fn;
+}

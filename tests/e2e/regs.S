@@ -102,6 +102,21 @@ PROBE sub_zzz_d,       sub z29.d, z28.d, z27.d
         add     z2.d, z1.d, z1.d
 .endm
 PROBE adjacent
+// A run of words that feed each other, through the registers the rewritten
+// code itself uses (X26 to X28), SP and vectors.
+.macro body_run_chain
+        addvl   x28, x28, #1
+        addpl   x27, x28, #2
+        addvl   x26, x27, #-1
+        addvl   sp, sp, #-1
+        addvl   x0, sp, #0
+        addvl   sp, sp, #1
+        add     z0.d, z0.d, #3
+        add     z1.d, z0.d, z31.d
+        sub     z31.s, z1.s, z0.s
+        rdvl    x29, #2
+.endm
+PROBE run_chain
 
 // Vector length reads and stack-pointer arithmetic.
 PROBE rdvl_x0,         rdvl x0, #1
