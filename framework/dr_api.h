@@ -188,11 +188,12 @@ enum dr_cleancall_save_t : uint {
   DR_CLEANCALL_SAVE_NONE = 1,
 };
 
-// dr_insert_call_quern with a choice of what the call keeps. An argument is an
-// immediate, or a register among X19-X27 (the callee-saved ones a pass may use
-// for itself).
+// dr_insert_call_quern with a choice of what the call keeps. With
+// DR_CLEANCALL_SAVE_NONE it still keeps the SIMD registers of `keep_simd`
+// (bit i: Qi), on its own stack. An argument is an immediate, or a register
+// among X19-X27 (the callee-saved ones a pass may use for itself).
 void dr_insert_call_quern_ex(void* drcontext, instrlist_t* ilist, instr_t* where, app_pc app_addr, void* callee,
-                             dr_cleancall_save_t save, uint num_args, ...);
+                             dr_cleancall_save_t save, uint32_t keep_simd, uint num_args, ...);
 
 // ---- memory and state that outlive a block pass ----------------------------------------------------
 

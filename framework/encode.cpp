@@ -56,6 +56,9 @@ uint32_t pair(bool load, bool q, pair_mode mode, int rt, int rt2, int rn, int32_
 // STR Xt, [SP, #-16]! and LDR Xt, [SP], #16.
 uint32_t push_x(int rt) { return 0xF81F0FE0u | uint32_t(rt); }
 uint32_t pop_x(int rt) { return 0xF84107E0u | uint32_t(rt); }
+// STR Qt, [SP, #-16]! and LDR Qt, [SP], #16.
+uint32_t push_q(int rt) { return 0x3C9F0FE0u | uint32_t(rt); }
+uint32_t pop_q(int rt) { return 0x3CC107E0u | uint32_t(rt); }
 
 uint32_t add_imm(int rd, int rn, uint32_t imm) { return 0x91000000u | (imm & 0xFFFu) << 10 | uint32_t(rn) << 5 | uint32_t(rd); }
 uint32_t mrs(int rt, int sr) { return 0xD5300000u | uint32_t(sr) << 5 | uint32_t(rt); }
@@ -111,6 +114,35 @@ void emit_stack_back(emitter& e, int via) {
   e.put(add_imm(kSp, via, 0));
 }
 
+// The Q registers of `mask` onto the stack, two at a time where two adjacent
+// ones are both in it, and back in the reverse order.
+void emit_keep_simd(emitter& e, uint32_t mask) {
+  for (int q = 0; q < 32; ++q) {
+    if (!(mask >> q & 1)) continue;
+    if (q < 31 && (mask >> (q + 1) & 1)) {
+      e.put(pair(false, true, kPre, q, q + 1, kSp, -32));
+      ++q;
+    } else {
+      e.put(push_q(q));
+    }
+  }
+}
+void emit_restore_simd(emitter& e, uint32_t mask) {
+  for (int q = 31; q >= 0; --q) {
+    if (!(mask >> q & 1)) continue;
+    // The partner a pair was made with: the first of two adjacent members,
+    // counted from the bottom.
+    int first = q;
+    while (first > 0 && (mask >> (first - 1) & 1)) --first;
+    if ((q - first) % 2 == 1) {
+      e.put(pair(true, true, kPost, q - 1, q, kSp, 32));
+      --q;
+    } else {
+      e.put(pop_q(q));
+    }
+  }
+}
+
 void emit_callee(emitter& e, const instr_t* in) {
   e.mov64(kX16, reinterpret_cast<uint64_t>(in->callee));
   e.put(blr(kX16));
@@ -123,8 +155,10 @@ void emit_callee(emitter& e, const instr_t* in) {
 void emit_call(emitter& e, const instr_t* in) {
   if (in->save == DR_CLEANCALL_SAVE_NONE) {
     emit_stack_switch(e, kX16);
+    emit_keep_simd(e, in->keep_simd);
     emit_args(e, in);
     emit_callee(e, in);
+    emit_restore_simd(e, in->keep_simd);
     emit_stack_back(e, kX16);
     return;
   }

@@ -132,8 +132,9 @@ TEST(Encoder, CallWithoutSavesMatchesTheAssembler) {
   uint32_t frame[64], code[128];
   const size_t bare = encode_sequence(instrlist_create(dc), env, frame, 64);   // entry, exit, branch
   instrlist_t* il = instrlist_create(dc);
+  // Q0..Q2 and Q5 kept: a pair, a single, a single; back in reverse order.
   dr_insert_call_quern_ex(dc, il, nullptr, nullptr, reinterpret_cast<void*>(0x123456789ABCull),
-                          DR_CLEANCALL_SAVE_NONE, 3, r(X(27)), opnd_create_immed_int(0x25E0C020, OPSZ_4),
+                          DR_CLEANCALL_SAVE_NONE, 0x27, 3, r(X(27)), opnd_create_immed_int(0x25E0C020, OPSZ_4),
                           opnd_create_immed_int(0x4000, OPSZ_8));
   const size_t n = encode_sequence(il, env, code, 128);
   ASSERT_GT(n, bare);
@@ -141,15 +142,17 @@ TEST(Encoder, CallWithoutSavesMatchesTheAssembler) {
   const std::string sp = std::to_string(kAppSpOffset), top = std::to_string(kStackTopOffset);
   const std::vector<uint32_t> want = assemble({
       "mov x16, sp", "str x16, [x28, #" + sp + "]", "ldr x16, [x28, #" + top + "]", "mov sp, x16",
+      "stp q0, q1, [sp, #-32]!", "str q2, [sp, #-16]!", "str q5, [sp, #-16]!",
       "mov x0, x27", "movz x1, #0xc020", "movk x1, #0x25e0, lsl #16", "movz x2, #0x4000",
       "movz x16, #0x9abc", "movk x16, #0x5678, lsl #16", "movk x16, #0x1234, lsl #32", "blr x16",
+      "ldr q5, [sp], #16", "ldr q2, [sp], #16", "ldp q0, q1, [sp], #32",
       "ldr x16, [x28, #" + sp + "]", "mov sp, x16"});
   if (want.empty()) GTEST_SKIP() << "aarch64-linux-gnu-as is not available";
   ASSERT_EQ(n - bare, want.size());
   for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(code[entry + i], want[i]) << "word " << i;
   // Only callee-saved registers can be arguments: X0 would be overwritten first.
   instrlist_t* bad = instrlist_create(dc);
-  dr_insert_call_quern_ex(dc, bad, nullptr, nullptr, reinterpret_cast<void*>(0x1000), DR_CLEANCALL_SAVE_NONE, 2,
+  dr_insert_call_quern_ex(dc, bad, nullptr, nullptr, reinterpret_cast<void*>(0x1000), DR_CLEANCALL_SAVE_NONE, 0, 2,
                           opnd_create_immed_int(1, OPSZ_8), r(X(0)));
   EXPECT_EQ(encode_sequence(bad, env, code, 128), 0u);
 }
@@ -190,7 +193,7 @@ TEST(Interpreter, CarriesOutTheRepertoire) {
   instrlist_append(il, instr_create_1dst_1src(dc, OP_str, m(X(27), 264, OPSZ_8), r(X(26))));
   instrlist_append(il, instr_create_1dst_1src(dc, OP_mrs, r(X(26)), r(DR_REG_FPCR)));
   instrlist_append(il, instr_create_1dst_1src(dc, OP_str, m(X(27), 276, OPSZ_4), r(W(26))));
-  dr_insert_call_quern_ex(dc, il, nullptr, nullptr, reinterpret_cast<void*>(&record_call), DR_CLEANCALL_SAVE_NONE, 4,
+  dr_insert_call_quern_ex(dc, il, nullptr, nullptr, reinterpret_cast<void*>(&record_call), DR_CLEANCALL_SAVE_NONE, 0, 4,
                           r(X(27)), opnd_create_immed_int(0x25E0C020, OPSZ_4), opnd_create_immed_int(0x4000, OPSZ_8),
                           opnd_create_immed_int(0x1234, OPSZ_8));
   instrlist_append(il, instr_create_2dst_1src(dc, OP_ldp, r(X(3)), r(X(4)), m(X(27), 0, OPSZ_16)));

@@ -188,6 +188,62 @@ def result_token(tok):
     raise TableError(f'unknown result token {tok!r}')
 
 
+# Registers of the host that a row touches, for code that parks only those:
+# kind 1 a Z register (its low 128 bits are the host's Q register), 2 an X
+# register (31 is the zero register: none), 3 an X register or SP (31).
+REG_Z, REG_X, REG_XSP = 1, 2, 3
+REG_OPERAND_PATTERNS = [
+    (r'Z(?:rw)?' + F + r'\.[bhsdq]', REG_Z),
+    (r'R(?:rw)?' + F + r'\.[bhwx]', REG_X),
+    (r'S' + F, REG_XSP),
+    (r'(?:V|E)' + F + r'(?:\.[bhsd])?', REG_Z),
+    (r'=>(?:Z|E)' + F + r'(?:\.[bhsd])?', REG_Z),
+    (r'X' + F + r'(?:\.[bhw])?', REG_X),
+    (r'XSP' + F, REG_XSP),
+    (r'=>(?:X|W)' + F, REG_X),
+]
+
+
+def reg_operands(row):
+    """The (kind, low bit, width, count) of each register of Z or X that a row reads or writes.
+
+    A structure load or store (E2..E4 in its adapter's name) covers that many
+    consecutive Z registers from the one its token names. A fast handler's
+    SIMD&FP scalar register (letter v of its operand letters, sve_uaddv_vpz)
+    is passed as a plain number (u4:0): its low 128 bits are Z's."""
+    m = re.search(r'E([234])(?:Load|Store)', row.adapter)
+    count = int(m.group(1)) if m else 1
+    letters = row.road.rstrip('+').split('_')[-1] if row.road.startswith('sve_') else ''
+    scalar_v = set()
+    if 'v' in letters:
+        if len(letters) != len(row.tokens):
+            raise TableError(f'{row.line}: operand letters {letters} and {len(row.tokens)} tokens')
+        for i, c in enumerate(letters):
+            if c == 'v':
+                if not re.fullmatch(r'u' + F, row.tokens[i]):
+                    raise TableError(f'{row.line}: a v operand as {row.tokens[i]}')
+                scalar_v.add(i)
+    ops = []
+    for i, tok in enumerate(row.tokens):
+        if i in scalar_v:
+            f = parse_field(tok[1:])
+            ops.append((REG_Z, f.parts[0][1], f.width, 1))
+            continue
+        for pattern, kind in REG_OPERAND_PATTERNS:
+            m = re.fullmatch(pattern, tok)
+            if not m:
+                continue
+            f = parse_field(m.group(1))
+            if len(f.parts) != 1 or f.width > 5:
+                raise TableError(f'{row.line}: register field {m.group(1)} of {tok} is not one piece of 5 bits or less')
+            ops.append((kind, f.parts[0][1], f.width, count if kind == REG_Z else 1))
+            break
+        else:
+            if re.match(r'(=>)?(Z|R|S\d|V|E|X)', tok):
+                raise TableError(f'{row.line}: register token {tok} of unknown form')
+    return ops
+
+
 def map_ranges(name):
     nums = [int(n) for n in re.findall(r'\d+', name[len('decode_map'):])]
     if len(nums) % 2 or not nums:
@@ -369,6 +425,13 @@ def generate(maps, rows, print_only):
     out.append('};\n\n')
     out.append(f'const sve_handler_fn decode_entries[{len(rows)}] = {{\n')
     out += entries
+    out.append('};\n\n')
+    out.append(f'const row_registers decode_row_registers[{len(rows)}] = {{\n')
+    for r in rows:
+        ops = reg_operands(r)
+        if len(ops) > 4:
+            raise TableError(f'{r.line}: more than 4 register operands')
+        out.append(f'  {{{len(ops)}, {{{", ".join(f"{{{k}, {lo}, {w}, {n}}}" for k, lo, w, n in ops)}}}}},\n')
     out.append('};\n\n')
     for i, (name, ranges, count) in enumerate(maps):
         first = next(j for j, r in enumerate(rows) if r.map_index == i)

@@ -14,7 +14,9 @@
 // of each Z register live only in cpu_state.
 //
 // With runs (quern run --runs), adjacent words share one park, one call of
-// emulate_run, which carries them out in order, and one reload.
+// emulate_run, which carries them out in order, and one reload; and the park
+// takes only the registers that the run's words touch (the decode table says
+// which), besides those the call may clobber.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -150,23 +152,32 @@ struct sequence {
   static size_t x_field(int r) { return offsetof(cpu_state, x) + 8 * static_cast<size_t>(r); }
   static size_t z_field(int r) { return offsetof(cpu_state, z) + kVecBytes * static_cast<size_t>(r); }
 
-  // Every register of the application into cpu_state: X0 to X30 (X28, the
-  // framework's, from where the framework keeps it), SP, the low 128 bits of
-  // Z0 to Z31, NZCV, FPSR and FPCR (application writes of FPCR reach
-  // cpu_state here, whether or not the pass saw them).
-  void park() {
+  // The registers of the application into cpu_state: all of them for one
+  // word, X0 to X30 (X28, the framework's, from where the framework keeps
+  // it), SP, the low 128 bits of Z0 to Z31, NZCV, FPSR and FPCR
+  // (application writes of FPCR reach cpu_state here, whether or not the pass
+  // saw them). For a run, `use` names the Z and X registers and SP that its
+  // words touch: only those, and the X registers that the call may clobber,
+  // go to cpu_state; the call keeps the other Q registers on its own stack.
+  void park(const register_use* use) {
     dr_save_reg(dc, bb, where, kState, SPILL_SLOT_2);
     if (!drmgr_insert_read_tls_field(dc, tls_idx, bb, where, kState)) CLIENT_ASSERT(false);
-    for (int r = 0; r < 26; r += 2) store_pair(r, x_field(r));
+    for (int r = 0; r < 26; r += 2)
+      if (parks_x_pair(use, r)) store_pair(r, x_field(r));
     store(kScratch, x_field(26), OPSZ_8);
     dr_restore_reg(dc, bb, where, kScratch, SPILL_SLOT_2);
     store(kScratch, x_field(27), OPSZ_8);
-    dr_insert_get_stolen_reg_value(dc, bb, where, kScratch);
-    store(kScratch, x_field(28), OPSZ_8);
+    if (!use || use->x >> 28 & 1) {
+      dr_insert_get_stolen_reg_value(dc, bb, where, kScratch);
+      store(kScratch, x_field(28), OPSZ_8);
+    }
     store_pair(29, x_field(29));
-    put(add_zero(dc, kScratch, DR_REG_XSP));
-    store(kScratch, offsetof(cpu_state, sp), OPSZ_8);
-    for (int q = 0; q < 32; ++q) store(static_cast<reg_id_t>(DR_REG_Q0 + q), z_field(q), OPSZ_16);
+    if (!use || use->sp) {
+      put(add_zero(dc, kScratch, DR_REG_XSP));
+      store(kScratch, offsetof(cpu_state, sp), OPSZ_8);
+    }
+    for (int q = 0; q < 32; ++q)
+      if (!use || use->z >> q & 1) store(static_cast<reg_id_t>(DR_REG_Q0 + q), z_field(q), OPSZ_16);
     put(instr_create_1dst_1src(dc, OP_mrs, reg(kScratch), reg(DR_REG_NZCV)));
     store(kScratch, offsetof(cpu_state, nzcv), OPSZ_8);
     put(instr_create_1dst_1src(dc, OP_mrs, reg(kScratch), reg(DR_REG_FPSR)));
@@ -175,29 +186,42 @@ struct sequence {
     store(DR_REG_W26, offsetof(cpu_state, fpcr), OPSZ_4);
   }
 
-  // Everything back from cpu_state, X27 last.
-  void reload() {
+  // What park() parked, back from cpu_state, X27 last.
+  void reload(const register_use* use) {
     load(DR_REG_W26, offsetof(cpu_state, fpsr), OPSZ_4);
     put(instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_FPSR), reg(kScratch)));
     load(kScratch, offsetof(cpu_state, nzcv), OPSZ_8);
     put(instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_NZCV), reg(kScratch)));
-    for (int q = 0; q < 32; ++q) load(static_cast<reg_id_t>(DR_REG_Q0 + q), z_field(q), OPSZ_16);
-    for (int r = 0; r < 26; r += 2) load_pair(r, x_field(r));
+    for (int q = 0; q < 32; ++q)
+      if (!use || use->z >> q & 1) load(static_cast<reg_id_t>(DR_REG_Q0 + q), z_field(q), OPSZ_16);
+    for (int r = 0; r < 26; r += 2)
+      if (parks_x_pair(use, r)) load_pair(r, x_field(r));
     load_pair(29, x_field(29));
-    load(kScratch, offsetof(cpu_state, sp), OPSZ_8);
-    put(add_zero(dc, DR_REG_XSP, kScratch));
-    load(kScratch, x_field(28), OPSZ_8);
-    dr_insert_set_stolen_reg_value(dc, bb, where, kScratch);
+    if (!use || use->sp) {
+      load(kScratch, offsetof(cpu_state, sp), OPSZ_8);
+      put(add_zero(dc, DR_REG_XSP, kScratch));
+    }
+    if (!use || use->x >> 28 & 1) {
+      load(kScratch, x_field(28), OPSZ_8);
+      dr_insert_set_stolen_reg_value(dc, bb, where, kScratch);
+    }
     load_pair(26, x_field(26));   // X27 is the base: loaded last, by the same instruction
   }
 
+  // X0 to X18 (and X30, parked with X29) are the call's to clobber; X19 and
+  // up only matter to cpu_state when a word touches them.
+  static bool parks_x_pair(const register_use* use, int r) { return !use || r < 20 || (use->x >> r & 3u); }
+
   // The call, with cpu_state as its first argument: the sequence keeps
-  // every register itself, so the framework only switches stacks.
-  void call(void* callee, opnd_t a1, opnd_t a2, opnd_t a3) {
-    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, 4, reg(kState), a1, a2, a3);
+  // the registers itself, so the framework only switches stacks (and keeps
+  // the Q registers that the sequence did not park).
+  void call(const register_use* use, void* callee, opnd_t a1, opnd_t a2, opnd_t a3) {
+    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, use ? ~use->z : 0, 4, reg(kState), a1,
+                            a2, a3);
   }
-  void call(void* callee, opnd_t a1, opnd_t a2) {
-    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, 3, reg(kState), a1, a2);
+  void call(const register_use* use, void* callee, opnd_t a1, opnd_t a2) {
+    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, use ? ~use->z : 0, 3, reg(kState), a1,
+                            a2);
   }
 };
 
@@ -213,6 +237,7 @@ struct sve_word {
   app_pc pc;
   unsigned int word;
   sve_handler_fn entry;
+  const decode_row* row;
 };
 
 // Replaces `n` adjacent words by one park, one call and one reload.
@@ -228,17 +253,22 @@ void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, in
   drmgr_insert_emulation_start(dc, bb, where, &emulated);
 
   sequence seq{dc, bb, where, pc};
-  seq.park();
   if (n == 1) {
-    seq.call(reinterpret_cast<void*>(&emulate_instruction), imm(words[0].word), imm(pc), imm(words[0].entry));
+    seq.park(nullptr);
+    seq.call(nullptr, reinterpret_cast<void*>(&emulate_instruction), imm(words[0].word), imm(pc),
+             imm(words[0].entry));
+    seq.reload(nullptr);
   } else {
+    register_use use{};
+    for (int i = 0; i < n; ++i) add_register_use(*words[i].row, words[i].word, use);
     // The run's constants outlive the pass: they go where the code goes.
     auto* table = static_cast<run_word*>(dr_global_alloc(sizeof(run_word) * static_cast<size_t>(n)));
     CLIENT_ASSERT(table != nullptr);
     for (int i = 0; i < n; ++i) table[i] = {words[i].pc, words[i].entry, words[i].word};
-    seq.call(reinterpret_cast<void*>(&emulate_run), imm(table), imm(n));
+    seq.park(&use);
+    seq.call(&use, reinterpret_cast<void*>(&emulate_run), imm(table), imm(n));
+    seq.reload(&use);
   }
-  seq.reload();
   drmgr_insert_emulation_end(dc, bb, where);
 
   for (int i = 0; i < n; ++i) {
@@ -273,7 +303,7 @@ bool sve_word_at(instr_t* instr, sve_word* out) {
   if (!row) return false;
   const app_pc pc = instr_get_app_pc(instr);
   // Read anew from the application's address: this is the word the call gets.
-  *out = {instr, pc, *reinterpret_cast<const unsigned int*>(pc), row_entry(*row)};
+  *out = {instr, pc, *reinterpret_cast<const unsigned int*>(pc), row_entry(*row), row};
   return true;
 }
 
