@@ -100,7 +100,7 @@ struct code_pool {
   std::atomic<uint64_t> base;
   std::atomic<size_t> used;
 };
-constexpr int kMaxPools = 64;
+constexpr int kMaxPools = 256;
 constexpr size_t kPoolSize = 1 << 20;
 code_pool pools[kMaxPools];
 std::atomic<int> n_pools{0};
@@ -118,10 +118,13 @@ uint32_t* pool_take(code_pool& p, uint64_t pc, size_t bytes) {
 // `words` words of executable memory that a branch at `pc` can reach both ways.
 uint32_t* code_alloc(uint64_t pc, size_t words) {
   const size_t bytes = words * 4;
-  for (int i = 0; i < n_pools.load(); ++i)
+  for (int i = 0; i < n_pools.load() && i < kMaxPools; ++i)
     if (uint32_t* w = pool_take(pools[i], pc, bytes)) return w;
-  const int64_t steps[] = {-(16 << 20), 16 << 20, -(48 << 20), 48 << 20, -(96 << 20), 96 << 20};
-  for (int64_t step : steps) {
+  // New pools where a branch at pc reaches, nearest first, each hint a
+  // pool's length apart from the last so that earlier pools do not stand in
+  // the way.
+  for (int k = 1; k < 120; ++k) {
+    const int64_t step = (k % 2 ? 1 : -1) * static_cast<int64_t>((k + 1) / 2) * static_cast<int64_t>(kPoolSize);
     const uint64_t hint = (pc + static_cast<uint64_t>(step)) & ~uint64_t(0xFFFF);
     void* m = mmap(reinterpret_cast<void*>(hint), kPoolSize, PROT_READ | PROT_WRITE | PROT_EXEC,
                    MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);

@@ -22,7 +22,7 @@ cases=(
   fault-segv fault-bus fault-emulated
   options-unknown options-none
   markers markers-repeat markers-fallback markers-default-file
-  acle jit jit-fallback
+  acle jit jit-fallback random-runs random-runs-fallback
   signals-blocked signals-blocked-fallback signals-handler signals-reentry
 )
 
@@ -394,6 +394,11 @@ case_markers-default-file() {
   fi
   check_marker_trace "${files[0]}" 1
 }
+
+# Random runs of adjacent words (written at run time, so the words of the
+# program's file say nothing: the rows they come from have landed).
+case_random-runs() { need runs && same_as_reference 0 -- "$p"; }
+case_random-runs-fallback() { need runs && same_as_reference 0 --fallback -- "$p"; }
 
 case_acle() { need acle && all_implemented "$p" && same_as_reference 0 -- "$p"; }
 case_jit() { need jit && all_implemented "$p" && same_as_reference 0 -- "$p"; }
