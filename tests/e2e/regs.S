@@ -7,6 +7,7 @@
 // instructions, writes an "after" image to base+AFTER, and returns to C with
 // the C ABI's registers put back. regs.c checks that the after image is the
 // before image changed exactly as the instructions say.
+#include "frame.h"
         .arch armv8.2-a+sve
         .text
 
@@ -40,16 +41,7 @@
         .globl  probe_\name
         .type   probe_\name, %function
 probe_\name:
-        stp     x29, x30, [sp, #-160]!
-        stp     x19, x20, [sp, #16]
-        stp     x21, x22, [sp, #32]
-        stp     x23, x24, [sp, #48]
-        stp     x25, x26, [sp, #64]
-        stp     x27, x28, [sp, #80]
-        stp     d8, d9, [sp, #96]
-        stp     d10, d11, [sp, #112]
-        stp     d12, d13, [sp, #128]
-        stp     d14, d15, [sp, #144]
+        ENTER_C_FRAME
         adrp    x2, saved_sp
         mov     x3, sp
         str     x3, [x2, :lo12:saved_sp]
@@ -75,17 +67,7 @@ probe_\name:
         adrp    x0, saved_sp
         ldr     x0, [x0, :lo12:saved_sp]
         mov     sp, x0
-        ldp     d14, d15, [sp, #144]
-        ldp     d12, d13, [sp, #128]
-        ldp     d10, d11, [sp, #112]
-        ldp     d8, d9, [sp, #96]
-        ldp     x27, x28, [sp, #80]
-        ldp     x25, x26, [sp, #64]
-        ldp     x23, x24, [sp, #48]
-        ldp     x21, x22, [sp, #32]
-        ldp     x19, x20, [sp, #16]
-        ldp     x29, x30, [sp], #160
-        ret
+        LEAVE_C_FRAME
         .size   probe_\name, . - probe_\name
 .endm
 

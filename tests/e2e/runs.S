@@ -2,22 +2,14 @@
 // X30 (but X17), NZCV and FPSR from xin and jumps to `code`, which ends by
 // jumping to trial_back through X17; trial_back stores the same registers
 // to xout and returns to C with the C ABI's registers put back.
+#include "frame.h"
         .arch armv8.2-a+sve
         .text
 
         .globl  run_trial
         .type   run_trial, %function
 run_trial:
-        stp     x29, x30, [sp, #-160]!
-        stp     x19, x20, [sp, #16]
-        stp     x21, x22, [sp, #32]
-        stp     x23, x24, [sp, #48]
-        stp     x25, x26, [sp, #64]
-        stp     x27, x28, [sp, #80]
-        stp     d8, d9, [sp, #96]
-        stp     d10, d11, [sp, #112]
-        stp     d12, d13, [sp, #128]
-        stp     d14, d15, [sp, #144]
+        ENTER_C_FRAME
         adrp    x16, trial_frame
         add     x16, x16, :lo12:trial_frame
         mov     x17, sp
@@ -50,17 +42,7 @@ trial_back:
         add     x16, x16, :lo12:trial_frame
         ldr     x17, [x16, #8]
         mov     sp, x17
-        ldp     d14, d15, [sp, #144]
-        ldp     d12, d13, [sp, #128]
-        ldp     d10, d11, [sp, #112]
-        ldp     d8, d9, [sp, #96]
-        ldp     x27, x28, [sp, #80]
-        ldp     x25, x26, [sp, #64]
-        ldp     x23, x24, [sp, #48]
-        ldp     x21, x22, [sp, #32]
-        ldp     x19, x20, [sp, #16]
-        ldp     x29, x30, [sp], #160
-        ret
+        LEAVE_C_FRAME
         .size   trial_back, . - trial_back
 
         .bss
