@@ -1,10 +1,12 @@
 /* Random runs of adjacent SVE words, against the reference processor: each
  * trial loads every Z and P register from memory, runs 1 to 24 random words
  * of the rows that touch registers (vector ADD/SUB in every form, ADDVL,
- * ADDPL, RDVL, with X26 to X28 among their operands), stores every Z and P
- * register back, and prints a hash of the whole state. Under quern the words
- * form runs of up to a block's length, so that one-word sequences and runs
- * (quern run --runs) must both give the reference's lines.
+ * ADDPL, RDVL, with X26 to X28 among their operands), now and then an
+ * ordinary ADD of X registers among them, stores every Z and P register back,
+ * and prints a hash of the whole state. Under quern the words form runs of
+ * up to a block's length, ended by the ordinary instructions, so that
+ * one-word sequences and runs (quern run --runs) must both give the
+ * reference's lines.
  *
  *   e2e_runs [TRIAL]   with a trial number: that trial's words and state in full */
 #include <stdint.h>
@@ -46,7 +48,7 @@ static uint32_t imm9(int v, uint32_t base, uint32_t reg) {
 
 static uint32_t random_word(void) {
   const uint32_t z1 = rnd() % 32, z2 = rnd() % 32, z3 = rnd() % 32, size = rnd() % 4, sub = rnd() % 2;
-  switch (rnd() % 6) {
+  switch (rnd() % 7) {
     case 0: return 0x04200000u | size << 22 | z3 << 16 | sub << 10 | z2 << 5 | z1;   /* ADD/SUB Zd, Zn, Zm */
     case 1: {                                                                         /* ADD/SUB Zdn, Zdn, #imm */
       const uint32_t sh = size == 0 ? 0 : rnd() % 2;
@@ -55,7 +57,8 @@ static uint32_t random_word(void) {
     case 2: return 0x04000000u | size << 22 | sub << 16 | (uint32_t)(rnd() % 8) << 10 | z2 << 5 | z1;   /* predicated */
     case 3: return 0x04205000u | xreg() << 16 | (uint32_t)(rnd() % 64) << 5 | xreg();               /* ADDVL */
     case 4: return 0x04605000u | xreg() << 16 | (uint32_t)(rnd() % 64) << 5 | xreg();               /* ADDPL */
-    default: return 0x04BF5000u | (uint32_t)(rnd() % 64) << 5 | xreg();                             /* RDVL */
+    case 5: return 0x04BF5000u | (uint32_t)(rnd() % 64) << 5 | xreg();                              /* RDVL */
+    default: return 0x8B000000u | xreg() << 16 | xreg() << 5 | xreg();   /* ADD Xd, Xn, Xm: not SVE */
   }
 }
 
