@@ -2,7 +2,9 @@
  * timed, alone (one word between ordinary instructions) and in runs of four
  * adjacent words (ADD to Z0..Z3). Run under `quern run` (rewritten code),
  * `quern run --runs` and `quern run --fallback` (emulation from the signal
- * context); bench/run_emulated_add.sh runs them all. */
+ * context); bench/run_emulated_add.sh runs them all. The clock is the
+ * thread's CPU time, and each figure the best of several rounds, so that other
+ * work on the machine does not count. */
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# ns per emulated ADD Z.D, #1 on each road, in one table:
+# ns per emulated ADD Z.D, #1 on each road, in one table (CPU time of the
+# program's thread, best of five rounds: the machine may be shared):
 #   trap path        emulation from the signal context on every execution (--fallback)
 #   one-word (before) the libraries in BEFORE_LIBDIR, if given (an older build)
 #   one-word         rewritten code, each word with its own park, call and reload
