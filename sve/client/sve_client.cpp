@@ -243,6 +243,16 @@ struct sve_word {
 // Replaces `n` adjacent words by one park, one call and one reload.
 void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, int n) {
   CLIENT_ASSERT(dr_get_stolen_reg() == DR_REG_X28);
+  // The run's constants outlive the pass: they go where the code goes. Without
+  // room for them, each word gets its own sequence.
+  run_word* table = nullptr;
+  if (n > 1) {
+    table = static_cast<run_word*>(dr_global_alloc(sizeof(run_word) * static_cast<size_t>(n)));
+    if (!table) {
+      for (int i = 0; i < n; ++i) replace_with_emulation(dc, bb, words + i, 1);
+      return;
+    }
+  }
   instr_t* where = words[0].instr;
   const app_pc pc = words[0].pc;
 
@@ -253,7 +263,7 @@ void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, in
   drmgr_insert_emulation_start(dc, bb, where, &emulated);
 
   sequence seq{dc, bb, where, pc};
-  if (n == 1) {
+  if (!table) {
     seq.park(nullptr);
     seq.call(nullptr, reinterpret_cast<void*>(&emulate_instruction), imm(words[0].word), imm(pc),
              imm(words[0].entry));
@@ -261,9 +271,6 @@ void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, in
   } else {
     register_use use{};
     for (int i = 0; i < n; ++i) add_register_use(*words[i].row, words[i].word, use);
-    // The run's constants outlive the pass: they go where the code goes.
-    auto* table = static_cast<run_word*>(dr_global_alloc(sizeof(run_word) * static_cast<size_t>(n)));
-    CLIENT_ASSERT(table != nullptr);
     for (int i = 0; i < n; ++i) table[i] = {words[i].pc, words[i].entry, words[i].word};
     seq.park(&use);
     seq.call(&use, reinterpret_cast<void*>(&emulate_run), imm(table), imm(n));
