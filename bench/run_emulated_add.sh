@@ -25,8 +25,11 @@ row() {
   alone=$(sed -n 's/^\([0-9.-]*\) ns per emulated instruction alone.*/\1/p' <<<"$out")
   runs=$(sed -n 's/.*, \([0-9.-]*\) in runs of four.*/\1/p' <<<"$out")
   # Blocks of one word (4 bytes) and of four (16 bytes) as the log gives them;
-  # an older build logs no byte count.
-  emitted=$(grep -o 'with [0-9]* instructions' "$log" | awk '{print $2}' | sort -n | uniq | tr '\n' '/' | sed 's,/$,,' || true)
+  # an older build logs no byte count, and a block of one word each time.
+  local one four
+  one=$(sed -n 's/.* with \([0-9]*\) instructions at [^,]*\(, 4 bytes.*\)\{0,1\}$/\1/p' "$log" | head -1)
+  four=$(sed -n 's/.* with \([0-9]*\) instructions at .*, 16 bytes.*/\1/p' "$log" | head -1)
+  emitted=${one:-?}/${four:-?}
   printf '%-20s %12s %16s   %s\n' "$label" "${alone:-?}" "${runs:-?}" "${emitted:-?}"
 }
 
