@@ -57,9 +57,10 @@ demo: demo-build
 	build/native/tools/quern/quern decode 0x04a20020 0x2520e020 0x0416a000 0x8b020020
 	build/native/tools/quern/quern decode --coverage | tail -1
 
+# BENCH_BEFORE=DIR adds a line for the AArch64 libraries in DIR (an older build).
 bench: native aarch64
 	build/native/bench/bench_decode
-	bench/run_emulated_add.sh build/native/tools/quern/quern build/aarch64/bench/emulated_add
+	bench/run_emulated_add.sh build/native/tools/quern/quern build/aarch64/bench/emulated_add 1000000 $(BENCH_BEFORE)
 
 # The differential test, at length: every row, ORACLE_TRIALS trials each, a
 # fresh seed (or ORACLE_SEED=...). Report in build/aarch64/oracle-report.tsv.

@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -109,6 +110,34 @@ void* dr_thread_alloc(void* drcontext, size_t size) {
 void dr_thread_free(void* drcontext, void* mem, size_t size) {
   (void)drcontext;
   munmap(mem, size);
+}
+
+bool drmgr_preserve_tls_field(int idx, size_t size) {
+  if (idx < 0 || idx >= rt.n_tls_fields || size > kMaxPreservedBytes) return false;
+  rt.preserved_field = idx;
+  rt.preserved_size = size;
+  return true;
+}
+
+// Process-lifetime memory: one reservation of address space, made on first
+// need, handed out by an atomic bump pointer. Safe from a signal handler and
+// from several threads at once; pages cost only once they are written.
+void* dr_global_alloc(size_t size) {
+  constexpr size_t kRegion = 64 << 20;
+  static std::atomic<unsigned char*> region{nullptr};
+  static std::atomic<size_t> used{0};
+  unsigned char* base = region.load(std::memory_order_acquire);
+  if (!base) {
+    void* m = mmap(nullptr, kRegion, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (m == MAP_FAILED) return nullptr;
+    unsigned char* fresh = static_cast<unsigned char*>(m);
+    if (!region.compare_exchange_strong(base, fresh, std::memory_order_acq_rel)) munmap(m, kRegion);
+    else base = fresh;
+  }
+  size = (size + 15) & ~size_t(15);
+  const size_t at = used.fetch_add(size);
+  if (size > kRegion || at > kRegion - size) return nullptr;
+  return base + at;
 }
 
 reg_t dr_read_saved_reg(void* drcontext, dr_spill_slot_t slot) {

@@ -1,8 +1,8 @@
-// The instrumentation framework's interface, as the SVE client uses it.
+// The instrumentation framework's interface, as its client uses it.
 //
-// quern carries its own small framework: it learns of an SVE word when the
-// word first raises SIGILL, hands the client's pass a block that holds that one
-// instruction, encodes the instruction list that the pass returns into
+// quern carries its own small framework: it learns of an instruction when the
+// word first raises SIGILL, hands the client's pass a block that starts with
+// that instruction, encodes the instruction list that the pass returns into
 // AArch64 code placed near the instruction, and patches the instruction with a
 // branch to that code. The operations below keep the names and the calling
 // conventions that the client is written against; nothing in the client knows
@@ -13,7 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "sve/memory/sve_mem_ref.h"   // file_t
 
 using client_id_t = unsigned int;
 using byte = unsigned char;
@@ -23,6 +22,7 @@ using reg_t = uint64_t;
 using ptr_int_t = intptr_t;
 using opnd_size_t = uint8_t;
 using uint = unsigned int;
+using file_t = int;   // an output stream of dr_fprintf: a file descriptor
 
 // ---- registers ------------------------------------------------------------------
 constexpr reg_id_t DR_REG_NULL = 0;
@@ -177,6 +177,36 @@ bool drmgr_insert_emulation_end(void* drcontext, instrlist_t* ilist, instr_t* wh
 // the callee.
 void dr_insert_call_quern(void* drcontext, instrlist_t* ilist, instr_t* where, app_pc app_addr, void* callee,
                           uint num_args, ...);
+
+// What a clean call keeps around its callee by itself.
+enum dr_cleancall_save_t : uint {
+  // Every register the callee may clobber: X0-X18, X30, Q0-Q31, NZCV, FPSR.
+  DR_CLEANCALL_SAVE_ALL = 0,
+  // Nothing: the pass has put those registers away itself and brings them
+  // back after the call. The call only moves to the framework's stack and
+  // back, and passes the arguments.
+  DR_CLEANCALL_SAVE_NONE = 1,
+};
+
+// dr_insert_call_quern with a choice of what the call keeps. With
+// DR_CLEANCALL_SAVE_NONE it still keeps the SIMD registers of `keep_simd`
+// (bit i: Qi), on its own stack. An argument is an immediate, or a register
+// among X19-X27 (the callee-saved ones a pass may use for itself).
+void dr_insert_call_quern_ex(void* drcontext, instrlist_t* ilist, instr_t* where, app_pc app_addr, void* callee,
+                             dr_cleancall_save_t save, uint32_t keep_simd, uint num_args, ...);
+
+// ---- memory and state that outlive a block pass ----------------------------------------------------
+
+// Process-lifetime memory, usable from a block pass (which may run in a signal
+// handler): never freed, cleared, 16-byte aligned. Null when exhausted.
+void* dr_global_alloc(size_t size);
+
+// The record of `size` bytes that the thread-local field `idx` points to is
+// part of the emulated machine: the framework keeps it unchanged across the
+// program's own signal handlers, as a kernel keeps the registers. At most
+// kMaxPreservedBytes; false if larger or `idx` is not a field.
+constexpr size_t kMaxPreservedBytes = 4096;
+bool drmgr_preserve_tls_field(int idx, size_t size);
 
 // ---- the version record that marks a client library ------------------------------------------------
 struct quern_dr_version_t {

@@ -56,6 +56,9 @@ uint32_t pair(bool load, bool q, pair_mode mode, int rt, int rt2, int rn, int32_
 // STR Xt, [SP, #-16]! and LDR Xt, [SP], #16.
 uint32_t push_x(int rt) { return 0xF81F0FE0u | uint32_t(rt); }
 uint32_t pop_x(int rt) { return 0xF84107E0u | uint32_t(rt); }
+// STR Qt, [SP, #-16]! and LDR Qt, [SP], #16.
+uint32_t push_q(int rt) { return 0x3C9F0FE0u | uint32_t(rt); }
+uint32_t pop_q(int rt) { return 0x3CC107E0u | uint32_t(rt); }
 
 uint32_t add_imm(int rd, int rn, uint32_t imm) { return 0x91000000u | (imm & 0xFFFu) << 10 | uint32_t(rn) << 5 | uint32_t(rd); }
 uint32_t mrs(int rt, int sr) { return 0xD5300000u | uint32_t(sr) << 5 | uint32_t(rt); }
@@ -63,6 +66,7 @@ uint32_t msr(int rt, int sr) { return 0xD5100000u | uint32_t(sr) << 5 | uint32_t
 uint32_t movz(int rd, uint32_t imm16, int hw) { return 0xD2800000u | uint32_t(hw) << 21 | imm16 << 5 | uint32_t(rd); }
 uint32_t movk(int rd, uint32_t imm16, int hw) { return 0xF2800000u | uint32_t(hw) << 21 | imm16 << 5 | uint32_t(rd); }
 uint32_t blr(int rn) { return 0xD63F0000u | uint32_t(rn) << 5; }
+uint32_t orr_mov(int rd, int rm) { return 0xAA0003E0u | uint32_t(rm) << 16 | uint32_t(rd); }   // mov xd, xm
 
 // Appends words, remembering overflow.
 struct emitter {
@@ -81,16 +85,85 @@ struct emitter {
   }
 };
 
-constexpr int kX28 = 28, kX27 = 27, kX16 = 16, kX17 = 17;
+constexpr int kX28 = 28, kX27 = 27, kX16 = 16;
+
+// Moves the call's arguments into X0.. : registers first (they are callee-saved
+// ones, so no argument register is read after it was written), then immediates.
+void emit_args(emitter& e, const instr_t* in) {
+  for (int a = 0; a < in->nsrc; ++a) {
+    const opnd_t& o = in->src[a];
+    if (o.kind != OPND_REG) continue;
+    const int rs = gpr(o.reg);
+    if (rs < 19 || rs > 27) e.ok = false;
+    e.put(orr_mov(a, rs));
+  }
+  for (int a = 0; a < in->nsrc; ++a)
+    if (in->src[a].kind == OPND_IMMED_INT) e.mov64(a, static_cast<uint64_t>(in->src[a].imm));
+    else if (in->src[a].kind != OPND_REG) e.ok = false;
+}
+
+// Onto the private stack with X`via` as the go-between, and back.
+void emit_stack_switch(emitter& e, int via) {
+  e.put(add_imm(via, kSp, 0));                           // mov xN, sp
+  e.put(ldst(false, 8, false, via, kX28, kAppSpOffset));
+  e.put(ldst(true, 8, false, via, kX28, kStackTopOffset));
+  e.put(add_imm(kSp, via, 0));                           // mov sp, xN
+}
+void emit_stack_back(emitter& e, int via) {
+  e.put(ldst(true, 8, false, via, kX28, kAppSpOffset));
+  e.put(add_imm(kSp, via, 0));
+}
+
+// The Q registers of `mask` onto the stack, two at a time where two adjacent
+// ones are both in it, and back in the reverse order.
+void emit_keep_simd(emitter& e, uint32_t mask) {
+  for (int q = 0; q < 32; ++q) {
+    if (!(mask >> q & 1)) continue;
+    if (q < 31 && (mask >> (q + 1) & 1)) {
+      e.put(pair(false, true, kPre, q, q + 1, kSp, -32));
+      ++q;
+    } else {
+      e.put(push_q(q));
+    }
+  }
+}
+void emit_restore_simd(emitter& e, uint32_t mask) {
+  for (int q = 31; q >= 0; --q) {
+    if (!(mask >> q & 1)) continue;
+    // The partner a pair was made with: the first of two adjacent members,
+    // counted from the bottom.
+    int first = q;
+    while (first > 0 && (mask >> (first - 1) & 1)) --first;
+    if ((q - first) % 2 == 1) {
+      e.put(pair(true, true, kPost, q - 1, q, kSp, 32));
+      --q;
+    } else {
+      e.put(pop_q(q));
+    }
+  }
+}
+
+void emit_callee(emitter& e, const instr_t* in) {
+  e.mov64(kX16, reinterpret_cast<uint64_t>(in->callee));
+  e.put(blr(kX16));
+}
 
 // The clean call: onto the private stack, keep everything the callee may
-// clobber, pass the immediates, call, and put it all back.
-void emit_call(emitter& e, const instr_t* in, const encode_env& env) {
+// clobber, pass the arguments, call, and put it all back. With
+// DR_CLEANCALL_SAVE_NONE the pass has kept those registers itself, and only
+// the stack changes.
+void emit_call(emitter& e, const instr_t* in) {
+  if (in->save == DR_CLEANCALL_SAVE_NONE) {
+    emit_stack_switch(e, kX16);
+    emit_keep_simd(e, in->keep_simd);
+    emit_args(e, in);
+    emit_callee(e, in);
+    emit_restore_simd(e, in->keep_simd);
+    emit_stack_back(e, kX16);
+    return;
+  }
   e.put(ldst(false, 8, false, 0, kX28, kScratchOffset));
-  e.put(add_imm(0, kSp, 0));                             // mov x0, sp
-  e.put(ldst(false, 8, false, 0, kX28, kAppSpOffset));
-  e.put(ldst(true, 8, false, 0, kX28, kStackTopOffset));
-  e.put(add_imm(kSp, 0, 0));                             // mov sp, x0
+  emit_stack_switch(e, 0);
   e.put(ldst(true, 8, false, 0, kX28, kScratchOffset));
   for (int r = 0; r < 18; r += 2) e.put(pair(false, false, kPre, r, r + 1, kSp, -16));
   e.put(pair(false, false, kPre, 18, 30, kSp, -16));
@@ -98,17 +171,8 @@ void emit_call(emitter& e, const instr_t* in, const encode_env& env) {
   e.put(mrs(1, sysreg(DR_REG_FPSR)));
   e.put(pair(false, false, kPre, 0, 1, kSp, -16));
   for (int q = 0; q < 32; q += 2) e.put(pair(false, true, kPre, q, q + 1, kSp, -32));
-  if (env.fpcr_field >= 0) {
-    // Application writes of FPCR never reach the pass here; keep the
-    // emulator's copy current from the live register instead.
-    e.put(ldst(true, 8, false, kX17, kX28, kTlsOffset));
-    e.put(0xB4000000u | 3u << 5 | kX17);                  // cbz x17, +12
-    e.put(mrs(kX16, sysreg(DR_REG_FPCR)));
-    e.put(ldst(false, 4, false, kX16, kX17, env.fpcr_field));
-  }
-  for (int a = 0; a < in->nsrc; ++a) e.mov64(a, static_cast<uint64_t>(in->src[a].imm));
-  e.mov64(kX16, reinterpret_cast<uint64_t>(in->callee));
-  e.put(blr(kX16));
+  emit_args(e, in);
+  emit_callee(e, in);
   for (int q = 30; q >= 0; q -= 2) e.put(pair(true, true, kPost, q, q + 1, kSp, 32));
   e.put(pair(true, false, kPost, 0, 1, kSp, 16));
   e.put(msr(0, sysreg(DR_REG_NZCV)));
@@ -116,8 +180,7 @@ void emit_call(emitter& e, const instr_t* in, const encode_env& env) {
   e.put(pair(true, false, kPost, 18, 30, kSp, 16));
   for (int r = 16; r >= 0; r -= 2) e.put(pair(true, false, kPost, r, r + 1, kSp, 16));
   e.put(ldst(false, 8, false, 0, kX28, kScratchOffset));
-  e.put(ldst(true, 8, false, 0, kX28, kAppSpOffset));
-  e.put(add_imm(kSp, 0, 0));
+  emit_stack_back(e, 0);
   e.put(ldst(true, 8, false, 0, kX28, kScratchOffset));
 }
 
@@ -212,7 +275,7 @@ size_t encode_sequence(const instrlist_t* ilist, const encode_env& env, uint32_t
       case OP_quern_emulation_end:
         break;
       case OP_quern_call:
-        emit_call(e, in, env);
+        emit_call(e, in);
         break;
       default:
         if (in->app) {

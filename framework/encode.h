@@ -11,7 +11,6 @@ struct encode_env {
   uint64_t code_addr;     // address of the first emitted word
   uint64_t next_pc;       // where the application continues afterwards
   int64_t tls_offset;     // offset of the block pointer from TPIDR_EL0
-  int32_t fpcr_field;     // offset of the FPCR copy in the record of TLS field 0, or -1
 };
 
 // Encodes `ilist` wrapped in the framework's entry and exit and a branch to

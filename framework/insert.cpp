@@ -68,15 +68,34 @@ bool drmgr_insert_emulation_end(void* dc, instrlist_t* ilist, instr_t* where) {
   return true;
 }
 
-void dr_insert_call_quern(void* dc, instrlist_t* ilist, instr_t* where, app_pc app_addr, void* callee,
-                          uint num_args, ...) {
+namespace {
+
+void insert_call(void* dc, instrlist_t* ilist, instr_t* where, app_pc app_addr, void* callee, dr_cleancall_save_t save,
+                 uint32_t keep_simd, uint num_args, va_list ap) {
   instr_t* in = instr_create(dc);
   in->opcode = OP_quern_call;
   in->callee = callee;
+  in->save = save;
+  in->keep_simd = keep_simd;
   in->translation = app_addr;
+  for (uint i = 0; i < num_args && i < kMaxCallArgs; ++i) in->src[in->nsrc++] = va_arg(ap, opnd_t);
+  instrlist_preinsert(ilist, where, in);
+}
+
+}  // namespace
+
+void dr_insert_call_quern(void* dc, instrlist_t* ilist, instr_t* where, app_pc app_addr, void* callee,
+                          uint num_args, ...) {
   va_list ap;
   va_start(ap, num_args);
-  for (uint i = 0; i < num_args && i < kMaxCallArgs; ++i) in->src[in->nsrc++] = va_arg(ap, opnd_t);
+  insert_call(dc, ilist, where, app_addr, callee, DR_CLEANCALL_SAVE_ALL, 0, num_args, ap);
   va_end(ap);
-  instrlist_preinsert(ilist, where, in);
+}
+
+void dr_insert_call_quern_ex(void* dc, instrlist_t* ilist, instr_t* where, app_pc app_addr, void* callee,
+                             dr_cleancall_save_t save, uint32_t keep_simd, uint num_args, ...) {
+  va_list ap;
+  va_start(ap, num_args);
+  insert_call(dc, ilist, where, app_addr, callee, save, keep_simd, num_args, ap);
+  va_end(ap);
 }

@@ -72,7 +72,7 @@ struct machine {
     return true;
   }
 
-  bool step(const instr_t* in, void* block, int32_t fpcr_field) {
+  bool step(const instr_t* in) {
     switch (in->opcode) {
       case OP_ldr:
       case OP_str:
@@ -101,12 +101,9 @@ struct machine {
       case OP_msr:
         return sysreg_move(in);
       case OP_quern_call: {
-        if (fpcr_field >= 0) {
-          void* state = static_cast<quern_thread*>(block)->tls[0];
-          if (state) std::memcpy(static_cast<unsigned char*>(state) + fpcr_field, &r.fpcr, 4);
-        }
         uint64_t a[kMaxCallArgs] = {};
-        for (int i = 0; i < in->nsrc; ++i) a[i] = static_cast<uint64_t>(in->src[i].imm);
+        for (int i = 0; i < in->nsrc; ++i)
+          a[i] = in->src[i].kind == OPND_REG ? read(in->src[i].reg) : static_cast<uint64_t>(in->src[i].imm);
         reinterpret_cast<void (*)(uint64_t, uint64_t, uint64_t, uint64_t)>(in->callee)(a[0], a[1], a[2], a[3]);
         return true;
       }
@@ -121,7 +118,7 @@ struct machine {
 
 }  // namespace
 
-bool interpret_sequence(const instrlist_t* ilist, reg_file& regs, void* block, int32_t fpcr_field) {
+bool interpret_sequence(const instrlist_t* ilist, reg_file& regs, void* block) {
   quern_thread* t = static_cast<quern_thread*>(block);
   t->app_x28 = regs.x[28];
   regs.x[28] = reinterpret_cast<uint64_t>(block);
@@ -129,7 +126,7 @@ bool interpret_sequence(const instrlist_t* ilist, reg_file& regs, void* block, i
   bool ok = true;
   for (const instr_t* in = ilist->first; in && ok; in = in->next) {
     if (in->app) ok = false;   // the fallback runs only what the pass built
-    else ok = m.step(in, block, fpcr_field);
+    else ok = m.step(in);
   }
   regs.x[28] = t->app_x28;
   return ok;

@@ -16,6 +16,6 @@ struct reg_file {
 };
 
 // Runs `ilist` as the rewritten code would: X28 holds `block` while it runs
-// and the application's X28 comes back after. `fpcr_field` as in encode_env.
+// and the application's X28 comes back after.
 // Returns false if the list holds an instruction outside the repertoire.
-bool interpret_sequence(const instrlist_t* ilist, reg_file& regs, void* block, int32_t fpcr_field);
+bool interpret_sequence(const instrlist_t* ilist, reg_file& regs, void* block);

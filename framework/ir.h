@@ -29,6 +29,8 @@ struct instr_t {
   app_pc pc;              // application address of a raw instruction
   app_pc translation;     // the application address this instruction stands for
   void* callee;           // OP_quern_call
+  dr_cleancall_save_t save;   // OP_quern_call: what the call keeps by itself
+  uint32_t keep_simd;         // OP_quern_call with DR_CLEANCALL_SAVE_NONE: Q registers it keeps still
   instr_t* prev;
   instr_t* next;
 };

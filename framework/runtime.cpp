@@ -2,11 +2,18 @@
 //
 // At load it loads the client library (whose static initialiser builds the
 // decode maps and installs the fault handlers), calls dr_client_main, gives the
-// main thread its block and installs the SIGILL handler. An SVE word announces
-// itself with SIGILL on a processor without SVE: the handler runs the client's
-// pass on a block of that one instruction, encodes the result near the
-// instruction and patches the instruction with a branch to it. Later
+// main thread its block and installs the SIGILL handler. An instruction that
+// the processor lacks announces itself with SIGILL: the handler runs the client's
+// pass on a block that starts at that instruction, encodes the result near
+// the instruction and patches the instruction with a branch to it. Later
 // executions run the rewritten code without any signal.
+//
+// The block holds the instructions that follow in the same page, up to
+// kBlockWords. The rewritten code ends where the first application
+// instruction that the passes left in place stands: from there on the
+// application runs its own code. So a run of adjacent words that the passes
+// replace becomes one piece of code, and an instruction that they keep is
+// never moved away from its address.
 //
 // Everything on the SIGILL path is async-signal-safe: no malloc, no locks that
 // ordinary code may hold; memory comes from mmap and the per-thread arena.
@@ -36,7 +43,6 @@
 #include "framework/interp.h"
 #include "framework/runtime_state.h"
 #include "framework/thread_block.h"
-#include "sve/dispatch/cpu_state.h"
 
 namespace {
 
@@ -48,7 +54,7 @@ void put_str(int fd, const char* s) { (void)!write(fd, s, strlen(s)); }
 
 __thread quern_thread* quern_self __attribute__((tls_model("initial-exec")));
 
-constexpr size_t kArenaSize = 256 << 10, kStackSize = 256 << 10;
+constexpr size_t kArenaSize = 2 << 20, kStackSize = 256 << 10;
 
 quern_thread* block_create() {
   const size_t head = (sizeof(quern_thread) + 4095) & ~size_t(4095);
@@ -94,7 +100,7 @@ struct code_pool {
   std::atomic<uint64_t> base;
   std::atomic<size_t> used;
 };
-constexpr int kMaxPools = 64;
+constexpr int kMaxPools = 256;
 constexpr size_t kPoolSize = 1 << 20;
 code_pool pools[kMaxPools];
 std::atomic<int> n_pools{0};
@@ -112,10 +118,13 @@ uint32_t* pool_take(code_pool& p, uint64_t pc, size_t bytes) {
 // `words` words of executable memory that a branch at `pc` can reach both ways.
 uint32_t* code_alloc(uint64_t pc, size_t words) {
   const size_t bytes = words * 4;
-  for (int i = 0; i < n_pools.load(); ++i)
+  for (int i = 0; i < n_pools.load() && i < kMaxPools; ++i)
     if (uint32_t* w = pool_take(pools[i], pc, bytes)) return w;
-  const int64_t steps[] = {-(16 << 20), 16 << 20, -(48 << 20), 48 << 20, -(96 << 20), 96 << 20};
-  for (int64_t step : steps) {
+  // New pools where a branch at pc reaches, nearest first, each hint a
+  // pool's length apart from the last so that earlier pools do not stand in
+  // the way.
+  for (int k = 1; k < 120; ++k) {
+    const int64_t step = (k % 2 ? 1 : -1) * static_cast<int64_t>((k + 1) / 2) * static_cast<int64_t>(kPoolSize);
     const uint64_t hint = (pc + static_cast<uint64_t>(step)) & ~uint64_t(0xFFFF);
     void* m = mmap(reinterpret_cast<void*>(hint), kPoolSize, PROT_READ | PROT_WRITE | PROT_EXEC,
                    MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
@@ -220,7 +229,7 @@ fpsimd_context* fp_context(ucontext_t* uc) {
   return nullptr;
 }
 
-bool run_fallback(const instrlist_t* il, ucontext_t* uc, quern_thread* t) {
+bool run_fallback(const instrlist_t* il, uint64_t resume, ucontext_t* uc, quern_thread* t) {
   fpsimd_context* fp = fp_context(uc);
   if (!fp) return false;
   reg_file r;
@@ -230,36 +239,66 @@ bool run_fallback(const instrlist_t* il, ucontext_t* uc, quern_thread* t) {
   r.fpsr = fp->fpsr;
   r.fpcr = fp->fpcr;
   std::memcpy(r.q, fp->vregs, sizeof r.q);
-  if (!interpret_sequence(il, r, t, rt.fpcr_field)) return false;
+  if (!interpret_sequence(il, r, t)) return false;
   std::memcpy(uc->uc_mcontext.regs, r.x, sizeof r.x);
   uc->uc_mcontext.sp = r.sp;
   uc->uc_mcontext.pstate = (uc->uc_mcontext.pstate & ~uint64_t(0xF0000000u)) | r.nzcv;
   fp->fpsr = r.fpsr;
   fp->fpcr = r.fpcr;
   std::memcpy(fp->vregs, r.q, sizeof r.q);
-  uc->uc_mcontext.pc += 4;
+  uc->uc_mcontext.pc = resume;
   return true;
 }
 
-// Rewritten code for `il` near `pc`, and the branch to it. False when no code
-// buffer in range can be had or the code page cannot be made writable.
-bool place_code(const instrlist_t* il, uint64_t pc, quern_thread* t) {
+// Rewritten code for `il` near `pc`, going on at `resume`, and the branch to
+// it. False when no code buffer in range can be had or the code page cannot
+// be made writable.
+bool place_code(const instrlist_t* il, uint64_t pc, uint64_t resume, quern_thread* t) {
   // Encoded once in the arena to learn its length (only the final branch
   // depends on where the code goes), then for real in exactly that room.
-  constexpr size_t kMaxWords = 4096;
+  constexpr size_t kMaxWords = 16384;
   uint32_t* draft = static_cast<uint32_t*>(arena_alloc(&t->arena, kMaxWords * 4));
-  const size_t n = encode_sequence(il, encode_env{pc, pc + 4, rt.tls_offset, rt.fpcr_field}, draft, kMaxWords);
+  const size_t n = encode_sequence(il, encode_env{pc, resume, rt.tls_offset}, draft, kMaxWords);
   if (n == 0) return false;
   uint32_t* code = code_alloc(pc, n);
   if (!code) return false;
-  if (encode_sequence(il, encode_env{reinterpret_cast<uint64_t>(code), pc + 4, rt.tls_offset, rt.fpcr_field}, code,
-                      n) != n)
+  if (encode_sequence(il, encode_env{reinterpret_cast<uint64_t>(code), resume, rt.tls_offset}, code, n) != n)
     return false;
   __builtin___clear_cache(reinterpret_cast<char*>(code), reinterpret_cast<char*>(code + n));
-  dr_log(nullptr, DR_LOG_ALL, 2, "quern: rewrote %p with %zu instructions at %p\n", reinterpret_cast<void*>(pc), n,
-         static_cast<void*>(code));
+  dr_log(nullptr, DR_LOG_ALL, 2, "quern: rewrote %p with %zu instructions at %p, %zu bytes of application code\n",
+         reinterpret_cast<void*>(pc), n, static_cast<void*>(code), static_cast<size_t>(resume - pc));
   const uint32_t branch = encode_branch(pc, reinterpret_cast<uint64_t>(code));
   return branch != 0 && patch_word(pc, branch);
+}
+
+// The block that starts at `pc`: its instruction and those after it in the
+// same page, at most kBlockWords.
+constexpr uint64_t kBlockWords = 16;
+instrlist_t* build_block(quern_thread* t, uint64_t pc, uint64_t* end) {
+  instrlist_t* il = instrlist_create(t);
+  const uint64_t page_end = (pc | uint64_t(getpagesize() - 1)) + 1;
+  uint64_t at = pc;
+  do {
+    instrlist_append(il, instr_create_app(t, reinterpret_cast<app_pc>(at)));
+    at += 4;
+  } while (at < page_end && at < pc + 4 * kBlockWords);
+  *end = at;
+  return il;
+}
+
+// Ends the list before its first application instruction (which the
+// application then runs in place) and tells where the rewritten code goes
+// on: that instruction, or `end` when the passes replaced them all.
+uint64_t cut_at_first_app(instrlist_t* il, uint64_t end) {
+  instr_t* keep = instrlist_first_app(il);
+  if (!keep) return end;
+  const uint64_t resume = reinterpret_cast<uint64_t>(keep->pc);
+  for (instr_t* in = keep; in;) {
+    instr_t* next = in->next;
+    instrlist_remove(il, in);
+    in = next;
+  }
+  return resume;
 }
 
 std::atomic<bool> fallback_logged{false};
@@ -304,22 +343,23 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
     return;
   }
   t->arena.used = 0;
-  instrlist_t* il = instrlist_create(t);
-  instr_t* app = instr_create_app(t, reinterpret_cast<app_pc>(pc));
-  instrlist_append(il, app);
+  uint64_t end;
+  instrlist_t* il = build_block(t, pc, &end);
   for (int i = 0; i < rt.n_passes; ++i) rt.passes[i](t, reinterpret_cast<void*>(pc), il, false, false);
+  const uint64_t resume = cut_at_first_app(il, end);
 
-  if (il->first == app && il->last == app) {
+  if (resume == pc) {
+    // The passes kept the instruction itself: it is genuinely illegal.
     pass_lock.clear(std::memory_order_release);
     deliver_sigill(sig, info, ucv);
-  } else if (!rt.force_fallback && place_code(il, pc, t)) {
+  } else if (!rt.force_fallback && place_code(il, pc, resume, t)) {
     pass_lock.clear(std::memory_order_release);
   } else {
     pass_lock.clear(std::memory_order_release);
     if (!fallback_logged.exchange(true))
       dr_log(t, DR_LOG_ALL, 1, "quern: emulating from the signal context (no rewritten code at %p)\n",
              reinterpret_cast<void*>(pc));
-    if (!run_fallback(il, uc, t)) {
+    if (!run_fallback(il, resume, uc, t)) {
       put_str(2, "quern: cannot carry out the rewritten instruction\n");
       _exit(127);
     }
@@ -368,7 +408,6 @@ __attribute__((constructor)) void framework_start() {
   if (!rt.real_sigaction || !rt.real_pthread_create || !rt.real_pthread_sigmask)
     die("cannot find the C library's signal and thread functions", nullptr);
   rt.tls_offset = reinterpret_cast<char*>(&quern_self) - static_cast<char*>(__builtin_thread_pointer());
-  rt.fpcr_field = offsetof(cpu_state, fpcr);
   runtime_read_environment();
 
   const char* client = getenv("QUERN_CLIENT");

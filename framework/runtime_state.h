@@ -28,7 +28,8 @@ struct runtime_state {
   pthread_sigmask_fn real_pthread_sigmask;
 
   long tls_offset;               // of the block pointer from TPIDR_EL0
-  int fpcr_field;                // offset of FPCR in the client's per-thread record
+  int preserved_field;           // TLS field whose record signal handlers must not change...
+  size_t preserved_size;         // ...of this many bytes; 0: none
   bool force_fallback;           // QUERN_FALLBACK=1: never generate code
   unsigned log_level;            // QUERN_LOG_LEVEL
   int log_fd;                    // QUERN_LOG_FILE, else standard error

@@ -1,15 +1,17 @@
 // The program's signals, as the framework must see them.
 //
-// * SIGILL belongs to the framework: it is how SVE words announce themselves.
+// * SIGILL belongs to the framework: it is how the instructions that the client
+//   emulates announce themselves.
 //   The program's own SIGILL action is kept aside and honoured (handler, mask,
 //   SA_RESETHAND) for words that are genuinely illegal. SIGILL is never
 //   blocked, because a synchronous SIGILL that finds itself blocked ends the
 //   process.
 // * A handler of the program may run emulated instructions while the thread is
-//   in the middle of one. On a processor with SVE the kernel saves the vector
-//   state around a handler; here each handler is entered through a trampoline
+//   in the middle of one. On a processor that has those instructions the
+//   kernel saves their registers around a handler; here each handler is entered through a trampoline
 //   that does the same for the emulator's per-thread state (spill slots, the
-//   parked X28, the private stack, the client's record).
+//   parked X28, the private stack, and the record that the client asked to
+//   keep with drmgr_preserve_tls_field).
 #if !defined(__aarch64__)
 #error "the framework runtime runs on AArch64 only"
 #endif
@@ -22,7 +24,6 @@
 
 #include "framework/runtime_state.h"
 #include "framework/thread_block.h"
-#include "sve/dispatch/cpu_state.h"
 
 namespace {
 
@@ -50,9 +51,10 @@ void trampoline(int sig, siginfo_t* info, void* uc) {
   }
   uint64_t spill[4], app_x28 = t->app_x28, scratch = t->scratch, app_sp = t->app_sp, top = t->stack_top;
   std::memcpy(spill, t->spill, sizeof spill);
-  cpu_state* record = static_cast<cpu_state*>(t->tls[0]);
-  alignas(16) unsigned char saved[sizeof(cpu_state)];
-  if (record) std::memcpy(saved, record, sizeof saved);
+  const size_t size = rt.preserved_size;
+  void* record = size ? t->tls[rt.preserved_field] : nullptr;
+  alignas(16) unsigned char saved[kMaxPreservedBytes];
+  if (record) std::memcpy(saved, record, size);
   // Interrupted on the private stack: nested clean calls go below this frame.
   const uint64_t sp = reinterpret_cast<uint64_t>(__builtin_frame_address(0));
   if (sp > reinterpret_cast<uint64_t>(t->stack_base) && sp <= top) t->stack_top = (sp - 512) & ~uint64_t(15);
@@ -64,7 +66,7 @@ void trampoline(int sig, siginfo_t* info, void* uc) {
   t->scratch = scratch;
   t->app_sp = app_sp;
   t->stack_top = top;
-  if (record) std::memcpy(record, saved, sizeof saved);
+  if (record) std::memcpy(record, saved, size);
 }
 
 void without_sigill(sigset_t* set) {

@@ -77,6 +77,8 @@ TEST(Encoder, ClientFormsMatchTheAssembler) {
       {instr_create_1dst_1src(dc, OP_msr, r(DR_REG_NZCV), r(X(26))), "msr nzcv, x26"},
       {instr_create_1dst_1src(dc, OP_msr, r(DR_REG_FPSR), r(X(26))), "msr fpsr, x26"},
       {instr_create_1dst_1src(dc, OP_msr, r(DR_REG_FPCR), r(X(21))), "msr fpcr, x21"},
+      {instr_create_1dst_1src(dc, OP_mrs, r(X(26)), r(DR_REG_FPCR)), "mrs x26, fpcr"},
+      {instr_create_2dst_1src(dc, OP_ldp, r(X(26)), r(X(27)), m(X(27), 208, OPSZ_16)), "ldp x26, x27, [x27, #208]"},
   };
   std::vector<std::string> texts;
   for (const auto& c : cases) texts.push_back(c.text);
@@ -112,22 +114,57 @@ TEST(Encoder, SequenceEndsWithTheBranchBack) {
   instrlist_t* il = instrlist_create(dc);
   instrlist_append(il, instr_create_1dst_1src(dc, OP_mrs, r(X(26)), r(DR_REG_NZCV)));
   uint32_t code[512];
-  const encode_env env{0x10000, 0x20004, 16, -1};
+  const encode_env env{0x10000, 0x20004, 16};
   const size_t n = encode_sequence(il, env, code, 512);
   ASSERT_GT(n, 10u);
   EXPECT_EQ(code[n - 1], encode_branch(0x10000 + 4 * (n - 1), 0x20004));
   EXPECT_EQ(code[0], 0xF81F0FFCu);   // str x28, [sp, #-16]!
   EXPECT_EQ(encode_sequence(il, env, code, 5), 0u);                              // no room
-  EXPECT_EQ(encode_sequence(il, encode_env{0, 1ull << 40, 16, -1}, code, 512), 0u);   // out of range
+  EXPECT_EQ(encode_sequence(il, encode_env{0, 1ull << 40, 16}, code, 512), 0u);   // out of range
+}
+
+// The call that keeps nothing itself: the stack switch, the arguments (a
+// register first), the callee, the way back; nothing else.
+TEST(Encoder, CallWithoutSavesMatchesTheAssembler) {
+  block_holder b;
+  void* dc = b.dc();
+  const encode_env env{0x10000, 0x20004, 16};
+  uint32_t frame[64], code[128];
+  const size_t bare = encode_sequence(instrlist_create(dc), env, frame, 64);   // entry, exit, branch
+  instrlist_t* il = instrlist_create(dc);
+  // Q0..Q2 and Q5 kept: a pair, a single, a single; back in reverse order.
+  dr_insert_call_quern_ex(dc, il, nullptr, nullptr, reinterpret_cast<void*>(0x123456789ABCull),
+                          DR_CLEANCALL_SAVE_NONE, 0x27, 3, r(X(27)), opnd_create_immed_int(0x25E0C020, OPSZ_4),
+                          opnd_create_immed_int(0x4000, OPSZ_8));
+  const size_t n = encode_sequence(il, env, code, 128);
+  ASSERT_GT(n, bare);
+  const size_t entry = bare - 6;   // the exit is five words and the branch back
+  const std::string sp = std::to_string(kAppSpOffset), top = std::to_string(kStackTopOffset);
+  const std::vector<uint32_t> want = assemble({
+      "mov x16, sp", "str x16, [x28, #" + sp + "]", "ldr x16, [x28, #" + top + "]", "mov sp, x16",
+      "stp q0, q1, [sp, #-32]!", "str q2, [sp, #-16]!", "str q5, [sp, #-16]!",
+      "mov x0, x27", "movz x1, #0xc020", "movk x1, #0x25e0, lsl #16", "movz x2, #0x4000",
+      "movz x16, #0x9abc", "movk x16, #0x5678, lsl #16", "movk x16, #0x1234, lsl #32", "blr x16",
+      "ldr q5, [sp], #16", "ldr q2, [sp], #16", "ldp q0, q1, [sp], #32",
+      "ldr x16, [x28, #" + sp + "]", "mov sp, x16"});
+  if (want.empty()) GTEST_SKIP() << "aarch64-linux-gnu-as is not available";
+  ASSERT_EQ(n - bare, want.size());
+  for (size_t i = 0; i < want.size(); ++i) EXPECT_EQ(code[entry + i], want[i]) << "word " << i;
+  // Only callee-saved registers can be arguments: X0 would be overwritten first.
+  instrlist_t* bad = instrlist_create(dc);
+  dr_insert_call_quern_ex(dc, bad, nullptr, nullptr, reinterpret_cast<void*>(0x1000), DR_CLEANCALL_SAVE_NONE, 0, 2,
+                          opnd_create_immed_int(1, OPSZ_8), r(X(0)));
+  EXPECT_EQ(encode_sequence(bad, env, code, 128), 0u);
 }
 
 // ---- the fallback interpreter ----------------------------------------------------------------------
 
-uint64_t seen_args[3];
-void record_call(uint64_t a, uint64_t b, uint64_t c) {
+uint64_t seen_args[4];
+void record_call(uint64_t a, uint64_t b, uint64_t c, uint64_t d) {
   seen_args[0] = a;
   seen_args[1] = b;
   seen_args[2] = c;
+  seen_args[3] = d;
 }
 
 TEST(Interpreter, CarriesOutTheRepertoire) {
@@ -154,15 +191,17 @@ TEST(Interpreter, CarriesOutTheRepertoire) {
   instrlist_append(il, instr_create_1dst_1src(dc, OP_str, m(X(27), 288, OPSZ_16), r(Q(7))));
   instrlist_append(il, instr_create_1dst_1src(dc, OP_mrs, r(X(26)), r(DR_REG_NZCV)));
   instrlist_append(il, instr_create_1dst_1src(dc, OP_str, m(X(27), 264, OPSZ_8), r(X(26))));
-  dr_insert_call_quern(dc, il, nullptr, nullptr, reinterpret_cast<void*>(&record_call), 3,
-                       opnd_create_immed_int(0x25E0C020, OPSZ_4), opnd_create_immed_int(0x4000, OPSZ_8),
-                       opnd_create_immed_int(0x1234, OPSZ_8));
+  instrlist_append(il, instr_create_1dst_1src(dc, OP_mrs, r(X(26)), r(DR_REG_FPCR)));
+  instrlist_append(il, instr_create_1dst_1src(dc, OP_str, m(X(27), 276, OPSZ_4), r(W(26))));
+  dr_insert_call_quern_ex(dc, il, nullptr, nullptr, reinterpret_cast<void*>(&record_call), DR_CLEANCALL_SAVE_NONE, 0, 4,
+                          r(X(27)), opnd_create_immed_int(0x25E0C020, OPSZ_4), opnd_create_immed_int(0x4000, OPSZ_8),
+                          opnd_create_immed_int(0x1234, OPSZ_8));
   instrlist_append(il, instr_create_2dst_1src(dc, OP_ldp, r(X(3)), r(X(4)), m(X(27), 0, OPSZ_16)));
   instrlist_append(il, instr_create_1dst_1src(dc, OP_msr, r(DR_REG_FPSR), r(DR_REG_XZR)));
   instrlist_append(il, instr_create_1dst_1src(dc, OP_ldr, r(Q(9)), m(X(27), 288, OPSZ_16)));
   dr_restore_reg(dc, il, nullptr, X(26), SPILL_SLOT_1);
 
-  ASSERT_TRUE(interpret_sequence(il, regs, dc, 276));
+  ASSERT_TRUE(interpret_sequence(il, regs, dc));
   uint64_t v;
   std::memcpy(&v, record + 248, 8);
   EXPECT_EQ(v, 0x7000u);                               // SP through X26
@@ -172,10 +211,11 @@ TEST(Interpreter, CarriesOutTheRepertoire) {
   EXPECT_EQ(v, 0x60000000u);
   uint32_t fpcr;
   std::memcpy(&fpcr, record + 276, 4);
-  EXPECT_EQ(fpcr, 0x00C00000u);                        // the live FPCR reached the record
-  EXPECT_EQ(seen_args[0], 0x25E0C020u);
-  EXPECT_EQ(seen_args[1], 0x4000u);
-  EXPECT_EQ(seen_args[2], 0x1234u);
+  EXPECT_EQ(fpcr, 0x00C00000u);                        // the live FPCR, read by MRS
+  EXPECT_EQ(seen_args[0], reinterpret_cast<uint64_t>(record));   // a register argument
+  EXPECT_EQ(seen_args[1], 0x25E0C020u);
+  EXPECT_EQ(seen_args[2], 0x4000u);
+  EXPECT_EQ(seen_args[3], 0x1234u);
   EXPECT_EQ(regs.x[3], 0x100u);
   EXPECT_EQ(regs.x[4], 0x101u);
   EXPECT_EQ(regs.fpsr, 0u);
@@ -193,7 +233,7 @@ TEST(Interpreter, RefusesApplicationInstructions) {
   instrlist_t* il = instrlist_create(dc);
   instrlist_append(il, instr_create_app(dc, reinterpret_cast<app_pc>(&word)));
   reg_file regs{};
-  EXPECT_FALSE(interpret_sequence(il, regs, dc, -1));
+  EXPECT_FALSE(interpret_sequence(il, regs, dc));
 }
 
 TEST(Decode, RecognisesWritesOfFpcr) {

@@ -188,6 +188,62 @@ def result_token(tok):
     raise TableError(f'unknown result token {tok!r}')
 
 
+# Registers of the host that a row touches, for code that parks only those:
+# kind 1 a Z register (its low 128 bits are the host's Q register), 2 an X
+# register (31 is the zero register: none), 3 an X register or SP (31).
+REG_Z, REG_X, REG_XSP = 1, 2, 3
+REG_OPERAND_PATTERNS = [
+    (r'Z(?:rw)?' + F + r'\.[bhsdq]', REG_Z),
+    (r'R(?:rw)?' + F + r'\.[bhwx]', REG_X),
+    (r'S' + F, REG_XSP),
+    (r'(?:V|E)' + F + r'(?:\.[bhsd])?', REG_Z),
+    (r'=>(?:Z|E)' + F + r'(?:\.[bhsd])?', REG_Z),
+    (r'X' + F + r'(?:\.[bhw])?', REG_X),
+    (r'XSP' + F, REG_XSP),
+    (r'=>(?:X|W)' + F, REG_X),
+]
+
+
+def reg_operands(row):
+    """The (kind, low bit, width, count) of each register of Z or X that a row reads or writes.
+
+    A structure load or store (E2..E4 in its adapter's name) covers that many
+    consecutive Z registers from the one its token names. A fast handler's
+    SIMD&FP scalar register (letter v of its operand letters, sve_uaddv_vpz)
+    is passed as a plain number (u4:0): its low 128 bits are Z's."""
+    m = re.search(r'E([234])(?:Load|Store)', row.adapter)
+    count = int(m.group(1)) if m else 1
+    letters = row.road.rstrip('+').split('_')[-1] if row.road.startswith('sve_') else ''
+    scalar_v = set()
+    if 'v' in letters:
+        if len(letters) != len(row.tokens):
+            raise TableError(f'{row.line}: operand letters {letters} and {len(row.tokens)} tokens')
+        for i, c in enumerate(letters):
+            if c == 'v':
+                if not re.fullmatch(r'u' + F, row.tokens[i]):
+                    raise TableError(f'{row.line}: a v operand as {row.tokens[i]}')
+                scalar_v.add(i)
+    ops = []
+    for i, tok in enumerate(row.tokens):
+        if i in scalar_v:
+            f = parse_field(tok[1:])
+            ops.append((REG_Z, f.parts[0][1], f.width, 1))
+            continue
+        for pattern, kind in REG_OPERAND_PATTERNS:
+            m = re.fullmatch(pattern, tok)
+            if not m:
+                continue
+            f = parse_field(m.group(1))
+            if len(f.parts) != 1 or f.width > 5:
+                raise TableError(f'{row.line}: register field {m.group(1)} of {tok} is not one piece of 5 bits or less')
+            ops.append((kind, f.parts[0][1], f.width, count if kind == REG_Z else 1))
+            break
+        else:
+            if re.match(r'(=>)?(Z|R|S\d|V|E|X)', tok):
+                raise TableError(f'{row.line}: register token {tok} of unknown form')
+    return ops
+
+
 def map_ranges(name):
     nums = [int(n) for n in re.findall(r'\d+', name[len('decode_map'):])]
     if len(nums) % 2 or not nums:
@@ -285,6 +341,7 @@ def subsystem(adapter):
 def generate(maps, rows, print_only):
     decls = {}       # name -> declaration
     adapters = []
+    entries = []     # the adapters without the presence test, for rewritten code
     describes = []
     row_descs = []
     for idx, r in enumerate(rows):
@@ -316,7 +373,7 @@ def generate(maps, rows, print_only):
             else:
                 body = f'  cs->encoding = w;\n  return ::{call};\n'
             # Arguments are evaluated before the encoding store; both only read the word.
-            body = f'  if (!&::{r.road}) return report_unimplemented(cs, w, "{r.road}");\n' + body
+            check = f'  if (!&::{r.road}) return report_unimplemented(cs, w, "{r.road}");\n'
             target = f'reinterpret_cast<void (*)()>(&::{r.road})'
         else:
             if '=>' not in ' '.join(toks) or not toks[-1].startswith('=>'):
@@ -335,14 +392,23 @@ def generate(maps, rows, print_only):
             decl = f'{rtype} {r.adapter}({"".join(p + ", " for p in params)}CpuContext*)'
             decls[r.adapter] = decl
             call = f'::{r.adapter}({"".join(a + ", " for a in args)}&c)'
-            body = (f'  if (!&::{r.adapter}) return report_unimplemented(cs, w, "{r.adapter}");\n'
-                    f'  CpuContext c = make_context(cs);\n')
+            check = f'  if (!&::{r.adapter}) return report_unimplemented(cs, w, "{r.adapter}");\n'
+            body = '  CpuContext c = make_context(cs);\n'
             body += f'  {rtype} r = {call};\n  {put};\n' if put else f'  {call};\n'
             body += '  finish_context(cs, c);\n  return AARCH64_DECODE_OK;\n'
             target = f'reinterpret_cast<void (*)()>(&::{r.adapter})'
         if used & r.mask:
             raise TableError(f'{r.line}: operand bits 0x{used & r.mask:08x} are fixed by the row')
-        adapters.append(f'static aarch64_decode_rc {r.adapter}(cpu_state* cs, unsigned int w) {{\n{body}}}\n')
+        # The adapter tests that its operation has landed on every call; its
+        # entry, for code that made that test once beforehand, does not.
+        if r.road == 'N':
+            adapters.append(f'static aarch64_decode_rc {r.adapter}(cpu_state* cs, unsigned int w) {{\n{body}}}\n')
+            entries.append(f'  &adapter::{r.adapter},\n')
+        else:
+            adapters.append(f'static aarch64_decode_rc {r.adapter}_entry(cpu_state* cs, unsigned int w) {{\n{body}}}\n'
+                            f'static aarch64_decode_rc {r.adapter}(cpu_state* cs, unsigned int w) {{\n{check}'
+                            f'  return {r.adapter}_entry(cs, w);\n}}\n')
+            entries.append(f'  &adapter::{r.adapter}_entry,\n')
         lines = ''.join(f'  out("{t}", uint64_t({v}));\n' for t, v in described)
         describes.append(f'static void {r.adapter}(unsigned int w, operand_sink& out) {{\n'
                          f'  (void)w; (void)out;\n{lines}}}\n')
@@ -356,6 +422,16 @@ def generate(maps, rows, print_only):
     out.append('}  // namespace adapter\n\n')
     out.append(f'const decode_row decode_rows[{len(rows)}] = {{\n')
     out += row_descs
+    out.append('};\n\n')
+    out.append(f'const sve_handler_fn decode_entries[{len(rows)}] = {{\n')
+    out += entries
+    out.append('};\n\n')
+    out.append(f'const row_registers decode_row_registers[{len(rows)}] = {{\n')
+    for r in rows:
+        ops = reg_operands(r)
+        if len(ops) > 4:
+            raise TableError(f'{r.line}: more than 4 register operands')
+        out.append(f'  {{{len(ops)}, {{{", ".join(f"{{{k}, {lo}, {w}, {n}}}" for k, lo, w, n in ops)}}}}},\n')
     out.append('};\n\n')
     for i, (name, ranges, count) in enumerate(maps):
         first = next(j for j, r in enumerate(rows) if r.map_index == i)

@@ -2,14 +2,27 @@
 // that replaces each SVE word with a call into the emulator, and that call.
 //
 // Every SVE word of a block becomes: park the application's registers in the
-// thread's cpu_state, call emulate_instruction with the word, its address and
-// its adapter as constants, load the registers back. X26 and X27 serve the
-// sequence itself and X28 belongs to the framework, so those three travel
-// through spill slots. P registers, FFR and the upper 32 bytes of each Z
-// register live only in cpu_state.
+// thread's cpu_state, call emulate_instruction with cpu_state and, as
+// constants, the word, its address and its adapter, load the registers back.
+// X27 holds cpu_state during the sequence (the application's X27 waits in a
+// spill slot until it is parked), X26 is its scratch register and X28 belongs
+// to the framework, which keeps the application's value; all three are
+// parked in cpu_state with the others, so that the call finds the whole
+// register file there and the reload brings a handler's change of any of them
+// back. The call keeps no register itself: the sequence has parked
+// everything the callee may clobber. P registers, FFR and the upper 32 bytes
+// of each Z register live only in cpu_state.
+//
+// With runs (quern run --runs), adjacent words share one park, one call of
+// emulate_run, which carries them out in order, and one reload; and the park
+// takes only the registers that the run's words touch (the decode table says
+// which), besides those the call may clobber.
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
+#include <type_traits>
 
 #include "framework/dr_api.h"
 #include "framework/droption.h"
@@ -60,30 +73,44 @@ void event_thread_exit(void* drcontext) {
 
 // ---- the emulation call ------------------------------------------------------------------
 
-void emulate_instruction(unsigned int word, unsigned char* pc, aarch64_decode_rc (*handler)(cpu_state*, unsigned int)) {
-  void* drcontext = dr_get_current_drcontext();
-  cpu_state* cs = static_cast<cpu_state*>(drmgr_get_tls_field(drcontext, tls_idx));
+// The rewritten block has parked every register in `cs` (X26 to X28
+// included) and reloads them all afterwards; the word, its address and its
+// adapter are constants of the block, and the adapter's operation is known
+// to have landed (or the adapter is the one that says it has not).
+void emulate_instruction(cpu_state* cs, unsigned int word, unsigned char* pc, sve_handler_fn handler) {
   cs->pc = pc;
-  cs->x[26] = dr_read_saved_reg(drcontext, SPILL_SLOT_1);
-  cs->x[27] = dr_read_saved_reg(drcontext, SPILL_SLOT_2);
-  cs->x[28] = dr_read_saved_reg(drcontext, SPILL_SLOT_3);
   if (handler(cs, word) != AARCH64_DECODE_OK) {
     // The word as it stands in memory now, not the one the block was built from.
     fprintf(stderr, "Error: failed to emulate SVE instruction 0x%08x at PC %p\n",
             *reinterpret_cast<volatile unsigned int*>(pc), static_cast<void*>(pc));
   }
-  // A handler may have changed X26..X28: the block restores them from the slots.
-  dr_write_saved_reg(drcontext, SPILL_SLOT_1, cs->x[26]);
-  dr_write_saved_reg(drcontext, SPILL_SLOT_2, cs->x[27]);
-  dr_write_saved_reg(drcontext, SPILL_SLOT_3, cs->x[28]);
+}
+
+// One word of a run: what emulate_instruction gets as constants.
+struct run_word {
+  unsigned char* pc;
+  sve_handler_fn handler;
+  uint64_t word;
+};
+
+// A run of adjacent words, parked and reloaded once: each word in order, each
+// with its own pc, so that a fault or a message names the right instruction.
+void emulate_run(cpu_state* cs, const run_word* words, uint64_t n) {
+  for (uint64_t i = 0; i < n; ++i)
+    emulate_instruction(cs, static_cast<unsigned int>(words[i].word), words[i].pc, words[i].handler);
 }
 
 // ---- the block pass --------------------------------------------------------------------------
+
+// Whether adjacent words share one park, call and reload (quern run --runs).
+bool runs_enabled;
+constexpr int kMaxRun = 64;
 
 opnd_t reg(reg_id_t r) { return opnd_create_reg(r); }
 opnd_t mem(reg_id_t base, size_t disp, opnd_size_t size) {
   return opnd_create_base_disp(base, DR_REG_NULL, 0, static_cast<int>(disp), size);
 }
+reg_id_t xreg(int n) { return static_cast<reg_id_t>(DR_REG_X0 + n); }
 
 // Inserts `in` before `where` as an application instruction standing for `pc`.
 void emit(instrlist_t* bb, instr_t* where, app_pc pc, instr_t* in) {
@@ -98,76 +125,163 @@ instr_t* add_zero(void* dc, reg_id_t dst, reg_id_t src) {
                                 opnd_create_immed_int(0, OPSZ_1));
 }
 
-void replace_with_emulation(void* dc, instrlist_t* bb, instr_t* instr, sve_handler_fn handler) {
-  const app_pc pc = instr_get_app_pc(instr);
-  const unsigned int word = *reinterpret_cast<const unsigned int*>(pc);
+// The sequence around one emulation call, inserted before `where`. X27 holds
+// the thread's cpu_state from the start of the park to the end of the reload
+// (it is callee-saved, so the call keeps it); X26 is the scratch register.
+struct sequence {
+  void* dc;
+  instrlist_t* bb;
+  instr_t* where;
+  app_pc pc;
+
+  static constexpr reg_id_t kState = DR_REG_X27, kScratch = DR_REG_X26;
+
+  void put(instr_t* in) { emit(bb, where, pc, in); }
+  void store(reg_id_t r, size_t field, opnd_size_t size) {
+    put(instr_create_1dst_1src(dc, OP_str, mem(kState, field, size), reg(r)));
+  }
+  void load(reg_id_t r, size_t field, opnd_size_t size) {
+    put(instr_create_1dst_1src(dc, OP_ldr, reg(r), mem(kState, field, size)));
+  }
+  void store_pair(int r, size_t field) {
+    put(instr_create_1dst_2src(dc, OP_stp, mem(kState, field, OPSZ_16), reg(xreg(r)), reg(xreg(r + 1))));
+  }
+  void load_pair(int r, size_t field) {
+    put(instr_create_2dst_1src(dc, OP_ldp, reg(xreg(r)), reg(xreg(r + 1)), mem(kState, field, OPSZ_16)));
+  }
+  static size_t x_field(int r) { return offsetof(cpu_state, x) + 8 * static_cast<size_t>(r); }
+  static size_t z_field(int r) { return offsetof(cpu_state, z) + kVecBytes * static_cast<size_t>(r); }
+
+  // The registers of the application into cpu_state: all of them for one
+  // word, X0 to X30 (X28, the framework's, from where the framework keeps
+  // it), SP, the low 128 bits of Z0 to Z31, NZCV, FPSR and FPCR
+  // (application writes of FPCR reach cpu_state here, whether or not the pass
+  // saw them). For a run, `use` names the Z and X registers and SP that its
+  // words touch: only those, and the X registers that the call may clobber,
+  // go to cpu_state; the call keeps the other Q registers on its own stack.
+  void park(const register_use* use) {
+    dr_save_reg(dc, bb, where, kState, SPILL_SLOT_2);
+    if (!drmgr_insert_read_tls_field(dc, tls_idx, bb, where, kState)) CLIENT_ASSERT(false);
+    for (int r = 0; r < 26; r += 2)
+      if (parks_x_pair(use, r)) store_pair(r, x_field(r));
+    store(kScratch, x_field(26), OPSZ_8);
+    dr_restore_reg(dc, bb, where, kScratch, SPILL_SLOT_2);
+    store(kScratch, x_field(27), OPSZ_8);
+    if (!use || use->x >> 28 & 1) {
+      dr_insert_get_stolen_reg_value(dc, bb, where, kScratch);
+      store(kScratch, x_field(28), OPSZ_8);
+    }
+    store_pair(29, x_field(29));
+    if (!use || use->sp) {
+      put(add_zero(dc, kScratch, DR_REG_XSP));
+      store(kScratch, offsetof(cpu_state, sp), OPSZ_8);
+    }
+    for (int q = 0; q < 32; ++q)
+      if (!use || use->z >> q & 1) store(static_cast<reg_id_t>(DR_REG_Q0 + q), z_field(q), OPSZ_16);
+    put(instr_create_1dst_1src(dc, OP_mrs, reg(kScratch), reg(DR_REG_NZCV)));
+    store(kScratch, offsetof(cpu_state, nzcv), OPSZ_8);
+    put(instr_create_1dst_1src(dc, OP_mrs, reg(kScratch), reg(DR_REG_FPSR)));
+    store(DR_REG_W26, offsetof(cpu_state, fpsr), OPSZ_4);
+    put(instr_create_1dst_1src(dc, OP_mrs, reg(kScratch), reg(DR_REG_FPCR)));
+    store(DR_REG_W26, offsetof(cpu_state, fpcr), OPSZ_4);
+  }
+
+  // What park() parked, back from cpu_state, X27 last.
+  void reload(const register_use* use) {
+    load(DR_REG_W26, offsetof(cpu_state, fpsr), OPSZ_4);
+    put(instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_FPSR), reg(kScratch)));
+    load(kScratch, offsetof(cpu_state, nzcv), OPSZ_8);
+    put(instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_NZCV), reg(kScratch)));
+    for (int q = 0; q < 32; ++q)
+      if (!use || use->z >> q & 1) load(static_cast<reg_id_t>(DR_REG_Q0 + q), z_field(q), OPSZ_16);
+    for (int r = 0; r < 26; r += 2)
+      if (parks_x_pair(use, r)) load_pair(r, x_field(r));
+    load_pair(29, x_field(29));
+    if (!use || use->sp) {
+      load(kScratch, offsetof(cpu_state, sp), OPSZ_8);
+      put(add_zero(dc, DR_REG_XSP, kScratch));
+    }
+    if (!use || use->x >> 28 & 1) {
+      load(kScratch, x_field(28), OPSZ_8);
+      dr_insert_set_stolen_reg_value(dc, bb, where, kScratch);
+    }
+    load_pair(26, x_field(26));   // X27 is the base: loaded last, by the same instruction
+  }
+
+  // X0 to X18 (and X30, parked with X29) are the call's to clobber; X19 and
+  // up only matter to cpu_state when a word touches them.
+  static bool parks_x_pair(const register_use* use, int r) { return !use || r < 20 || (use->x >> r & 3u); }
+
+  // The call, with cpu_state as its first argument: the sequence keeps
+  // the registers itself, so the framework only switches stacks (and keeps
+  // the Q registers that the sequence did not park).
+  void call(const register_use* use, void* callee, opnd_t a1, opnd_t a2, opnd_t a3) {
+    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, use ? ~use->z : 0, 4, reg(kState), a1,
+                            a2, a3);
+  }
+  void call(const register_use* use, void* callee, opnd_t a1, opnd_t a2) {
+    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, use ? ~use->z : 0, 3, reg(kState), a1,
+                            a2);
+  }
+};
+
+template <typename T>
+opnd_t imm(T v) {
+  if constexpr (std::is_pointer_v<T>) return opnd_create_immed_int(reinterpret_cast<ptr_int_t>(v), OPSZ_8);
+  else return opnd_create_immed_int(static_cast<ptr_int_t>(v), OPSZ_8);
+}
+
+// One SVE word of the block, with what its rewritten code calls.
+struct sve_word {
+  instr_t* instr;
+  app_pc pc;
+  unsigned int word;
+  sve_handler_fn entry;
+  const decode_row* row;
+};
+
+// Replaces `n` adjacent words by one park, one call and one reload.
+void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, int n) {
   CLIENT_ASSERT(dr_get_stolen_reg() == DR_REG_X28);
+  // The run's constants outlive the pass: they go where the code goes. Without
+  // room for them, each word gets its own sequence.
+  run_word* table = nullptr;
+  if (n > 1) {
+    table = static_cast<run_word*>(dr_global_alloc(sizeof(run_word) * static_cast<size_t>(n)));
+    if (!table) {
+      for (int i = 0; i < n; ++i) replace_with_emulation(dc, bb, words + i, 1);
+      return;
+    }
+  }
+  instr_t* where = words[0].instr;
+  const app_pc pc = words[0].pc;
 
   instr_t* raw = instr_create(dc);
   instr_set_raw_bits(raw, pc, 4);
   instr_set_raw_bits_valid(raw, true);
   emulated_instr_t emulated = {sizeof(emulated_instr_t), pc, raw, 0};
-  drmgr_insert_emulation_start(dc, bb, instr, &emulated);
+  drmgr_insert_emulation_start(dc, bb, where, &emulated);
 
-  dr_save_reg(dc, bb, instr, DR_REG_X26, SPILL_SLOT_1);
-  dr_save_reg(dc, bb, instr, DR_REG_X27, SPILL_SLOT_2);
-  dr_insert_get_stolen_reg_value(dc, bb, instr, DR_REG_X27);
-  dr_save_reg(dc, bb, instr, DR_REG_X27, SPILL_SLOT_3);
-  if (!drmgr_insert_read_tls_field(dc, tls_idx, bb, instr, DR_REG_X27)) CLIENT_ASSERT(false);
+  sequence seq{dc, bb, where, pc};
+  if (!table) {
+    seq.park(nullptr);
+    seq.call(nullptr, reinterpret_cast<void*>(&emulate_instruction), imm(words[0].word), imm(pc),
+             imm(words[0].entry));
+    seq.reload(nullptr);
+  } else {
+    register_use use{};
+    for (int i = 0; i < n; ++i) add_register_use(*words[i].row, words[i].word, use);
+    for (int i = 0; i < n; ++i) table[i] = {words[i].pc, words[i].entry, words[i].word};
+    seq.park(&use);
+    seq.call(&use, reinterpret_cast<void*>(&emulate_run), imm(table), imm(n));
+    seq.reload(&use);
+  }
+  drmgr_insert_emulation_end(dc, bb, where);
 
-  const reg_id_t state = DR_REG_X27, scratch = DR_REG_X26;
-  emit(bb, instr, pc, add_zero(dc, scratch, DR_REG_XSP));
-  emit(bb, instr, pc, instr_create_1dst_1src(dc, OP_str, mem(state, offsetof(cpu_state, sp), OPSZ_8), reg(scratch)));
-  for (int i = 0; i < 26; i += 2)
-    emit(bb, instr, pc,
-         instr_create_1dst_2src(dc, OP_stp, mem(state, offsetof(cpu_state, x) + 8 * i, OPSZ_16),
-                                reg(DR_REG_X0 + i), reg(DR_REG_X0 + i + 1)));
-  emit(bb, instr, pc,
-       instr_create_1dst_2src(dc, OP_stp, mem(state, offsetof(cpu_state, x) + 8 * 29, OPSZ_16), reg(DR_REG_X29),
-                              reg(DR_REG_X30)));
-  for (int i = 0; i < 32; ++i)
-    emit(bb, instr, pc,
-         instr_create_1dst_1src(dc, OP_str, mem(state, offsetof(cpu_state, z) + kVecBytes * i, OPSZ_16),
-                                reg(DR_REG_Q0 + i)));
-  emit(bb, instr, pc, instr_create_1dst_1src(dc, OP_mrs, reg(scratch), reg(DR_REG_NZCV)));
-  emit(bb, instr, pc, instr_create_1dst_1src(dc, OP_str, mem(state, offsetof(cpu_state, nzcv), OPSZ_8), reg(scratch)));
-  emit(bb, instr, pc, instr_create_1dst_1src(dc, OP_mrs, reg(scratch), reg(DR_REG_FPSR)));
-  emit(bb, instr, pc,
-       instr_create_1dst_1src(dc, OP_str, mem(state, offsetof(cpu_state, fpsr), OPSZ_4), reg(DR_REG_W26)));
-
-  dr_insert_call_quern(dc, bb, instr, pc, reinterpret_cast<void*>(&emulate_instruction), 3,
-                       opnd_create_immed_int(word, OPSZ_4),
-                       opnd_create_immed_int(reinterpret_cast<ptr_int_t>(pc), OPSZ_8),
-                       opnd_create_immed_int(reinterpret_cast<ptr_int_t>(handler), OPSZ_8));
-
-  if (!drmgr_insert_read_tls_field(dc, tls_idx, bb, instr, DR_REG_X27)) CLIENT_ASSERT(false);
-  emit(bb, instr, pc,
-       instr_create_1dst_1src(dc, OP_ldr, reg(DR_REG_W26), mem(state, offsetof(cpu_state, fpsr), OPSZ_4)));
-  emit(bb, instr, pc, instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_FPSR), reg(scratch)));
-  emit(bb, instr, pc, instr_create_1dst_1src(dc, OP_ldr, reg(scratch), mem(state, offsetof(cpu_state, nzcv), OPSZ_8)));
-  emit(bb, instr, pc, instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_NZCV), reg(scratch)));
-  for (int i = 0; i < 32; ++i)
-    emit(bb, instr, pc,
-         instr_create_1dst_1src(dc, OP_ldr, reg(DR_REG_Q0 + i),
-                                mem(state, offsetof(cpu_state, z) + kVecBytes * i, OPSZ_16)));
-  for (int i = 0; i < 26; i += 2)
-    emit(bb, instr, pc,
-         instr_create_2dst_1src(dc, OP_ldp, reg(DR_REG_X0 + i), reg(DR_REG_X0 + i + 1),
-                                mem(state, offsetof(cpu_state, x) + 8 * i, OPSZ_16)));
-  emit(bb, instr, pc,
-       instr_create_2dst_1src(dc, OP_ldp, reg(DR_REG_X29), reg(DR_REG_X30),
-                              mem(state, offsetof(cpu_state, x) + 8 * 29, OPSZ_16)));
-  emit(bb, instr, pc, instr_create_1dst_1src(dc, OP_ldr, reg(scratch), mem(state, offsetof(cpu_state, sp), OPSZ_8)));
-  emit(bb, instr, pc, add_zero(dc, DR_REG_XSP, scratch));
-
-  dr_restore_reg(dc, bb, instr, DR_REG_X27, SPILL_SLOT_3);
-  dr_insert_set_stolen_reg_value(dc, bb, instr, DR_REG_X27);
-  dr_restore_reg(dc, bb, instr, DR_REG_X27, SPILL_SLOT_2);
-  dr_restore_reg(dc, bb, instr, DR_REG_X26, SPILL_SLOT_1);
-  drmgr_insert_emulation_end(dc, bb, instr);
-
-  instrlist_remove(bb, instr);
-  instr_destroy(dc, instr);
+  for (int i = 0; i < n; ++i) {
+    instrlist_remove(bb, words[i].instr);
+    instr_destroy(dc, words[i].instr);
+  }
 }
 
 // An application write of FPCR is mirrored into cpu_state before it runs, so
@@ -187,20 +301,42 @@ void mirror_fpcr_write(void* dc, instrlist_t* bb, instr_t* instr) {
   dr_restore_reg(dc, bb, instr, scratch, SPILL_SLOT_3);
 }
 
+// The word at `instr` and what rewritten code calls for it, if it is an
+// emulated instruction. Whether its operation has landed is settled here,
+// once, rather than on every execution.
+bool sve_word_at(instr_t* instr, sve_word* out) {
+  const unsigned int raw = *reinterpret_cast<const unsigned int*>(instr_get_raw_bits(instr));
+  const decode_row* row = find_decode_row(raw);
+  if (!row) return false;
+  const app_pc pc = instr_get_app_pc(instr);
+  // Read anew from the application's address: this is the word the call gets.
+  *out = {instr, pc, *reinterpret_cast<const unsigned int*>(pc), row_entry(*row), row};
+  return true;
+}
+
 dr_emit_flags_t event_instruction_change(void* drcontext, void* tag, instrlist_t* bb, bool for_trace,
                                          bool translating) {
   (void)tag;
   (void)for_trace;
   (void)translating;
+  sve_word run[kMaxRun];
   instr_t* next;
   for (instr_t* instr = instrlist_first_app(bb); instr != nullptr; instr = next) {
     next = instr_get_next_app(instr);
-    const unsigned int word = *reinterpret_cast<const unsigned int*>(instr_get_raw_bits(instr));
-    if (const sve_handler_fn handler = get_sve_handler(word)) {
-      replace_with_emulation(drcontext, bb, instr, handler);
-      continue;   // the instruction is gone; it was an SVE word, never an MSR
+    if (!sve_word_at(instr, &run[0])) {
+      mirror_fpcr_write(drcontext, bb, instr);
+      continue;
     }
-    mirror_fpcr_write(drcontext, bb, instr);
+    int n = 1;
+    // A run: the words that follow at the next addresses, up to the first
+    // that is not emulated. (Its instruction is gone; it was an SVE word,
+    // never an MSR.)
+    while (runs_enabled && n < kMaxRun && next != nullptr && instr_get_app_pc(next) == run[n - 1].pc + 4 &&
+           sve_word_at(next, &run[n])) {
+      ++n;
+      next = instr_get_next_app(next);
+    }
+    replace_with_emulation(drcontext, bb, run, n);
   }
   return DR_EMIT_DEFAULT;
 }
@@ -232,6 +368,11 @@ void dr_client_main(client_id_t id, int argc, const char* argv[]) {
   if (!drmgr_register_bb_app2app_event(event_instruction_change, &priority)) CLIENT_ASSERT(false);
   tls_idx = drmgr_register_tls_field();
   if (tls_idx == -1) CLIENT_ASSERT(false);
+  // The record is part of the emulated machine, as registers are: a
+  // signal handler of the program must find it as it was.
+  if (!drmgr_preserve_tls_field(tls_idx, sizeof(cpu_state))) CLIENT_ASSERT(false);
   if (!sve_init(nullptr, dr_get_application_name())) CLIENT_ASSERT(false);
+  const char* runs = getenv("QUERN_RUNS");
+  runs_enabled = runs != nullptr && runs[0] == '1';
   dr_log(nullptr, DR_LOG_ALL, 1, "SVE client initializing\n");
 }

@@ -63,3 +63,48 @@ struct operand_sink {
 };
 using operand_describer = void (*)(unsigned int word, operand_sink& out);
 extern const operand_describer operand_describers[kDecodeRows];
+
+// ---- entries for rewritten code ----------------------------------------------
+
+// Row by row, the adapter without its test that the operation has landed: for
+// code that makes that test once, when it is built. Only valid for a row whose
+// row_implemented() is true; row_entry() chooses.
+extern const sve_handler_fn decode_entries[kDecodeRows];
+
+// What rewritten code should call for a row: the entry once its operation has
+// landed, else the adapter, which reports the instruction as unimplemented.
+inline sve_handler_fn row_entry(const decode_row& r) {
+  return row_implemented(r) ? decode_entries[&r - decode_rows] : r.fn;
+}
+
+// The host registers a row touches: Z registers (whose low 128 bits are the
+// host's Q registers) and X registers that it reads or writes, and whether
+// SP is among them. P registers and FFR have no host state. From the row's
+// operand tokens, generated with the table.
+struct row_register { uint8_t kind, lo, width, count; };   // kind: 1 Z, 2 X (31: none), 3 X or SP (31)
+struct row_registers {
+  uint8_t n;
+  row_register r[4];
+};
+extern const row_registers decode_row_registers[kDecodeRows];
+
+struct register_use {
+  uint32_t z;    // bit i: Zi
+  uint32_t x;    // bit i: Xi
+  bool sp;
+};
+
+inline void add_register_use(const decode_row& row, unsigned int word, register_use& use) {
+  const row_registers& regs = decode_row_registers[&row - decode_rows];
+  for (unsigned i = 0; i < regs.n; ++i) {
+    const row_register& r = regs.r[i];
+    const unsigned n = (word >> r.lo) & ((1u << r.width) - 1);
+    if (r.kind == 1) {
+      for (unsigned k = 0; k < r.count; ++k) use.z |= 1u << ((n + k) % 32);   // Zt, Zt+1, .. wrap at 31
+    } else if (n != 31) {
+      use.x |= 1u << n;
+    } else if (r.kind == 3) {
+      use.sp = true;
+    }
+  }
+}

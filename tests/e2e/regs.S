@@ -7,6 +7,7 @@
 // instructions, writes an "after" image to base+AFTER, and returns to C with
 // the C ABI's registers put back. regs.c checks that the after image is the
 // before image changed exactly as the instructions say.
+#include "frame.h"
         .arch armv8.2-a+sve
         .text
 
@@ -40,16 +41,7 @@
         .globl  probe_\name
         .type   probe_\name, %function
 probe_\name:
-        stp     x29, x30, [sp, #-160]!
-        stp     x19, x20, [sp, #16]
-        stp     x21, x22, [sp, #32]
-        stp     x23, x24, [sp, #48]
-        stp     x25, x26, [sp, #64]
-        stp     x27, x28, [sp, #80]
-        stp     d8, d9, [sp, #96]
-        stp     d10, d11, [sp, #112]
-        stp     d12, d13, [sp, #128]
-        stp     d14, d15, [sp, #144]
+        ENTER_C_FRAME
         adrp    x2, saved_sp
         mov     x3, sp
         str     x3, [x2, :lo12:saved_sp]
@@ -75,17 +67,7 @@ probe_\name:
         adrp    x0, saved_sp
         ldr     x0, [x0, :lo12:saved_sp]
         mov     sp, x0
-        ldp     d14, d15, [sp, #144]
-        ldp     d12, d13, [sp, #128]
-        ldp     d10, d11, [sp, #112]
-        ldp     d8, d9, [sp, #96]
-        ldp     x27, x28, [sp, #80]
-        ldp     x25, x26, [sp, #64]
-        ldp     x23, x24, [sp, #48]
-        ldp     x21, x22, [sp, #32]
-        ldp     x19, x20, [sp, #16]
-        ldp     x29, x30, [sp], #160
-        ret
+        LEAVE_C_FRAME
         .size   probe_\name, . - probe_\name
 .endm
 
@@ -102,6 +84,21 @@ PROBE sub_zzz_d,       sub z29.d, z28.d, z27.d
         add     z2.d, z1.d, z1.d
 .endm
 PROBE adjacent
+// A run of words that feed each other, through the registers the rewritten
+// code itself uses (X26 to X28), SP and vectors.
+.macro body_run_chain
+        addvl   x28, x28, #1
+        addpl   x27, x28, #2
+        addvl   x26, x27, #-1
+        addvl   sp, sp, #-1
+        addvl   x0, sp, #0
+        addvl   sp, sp, #1
+        add     z0.d, z0.d, #3
+        add     z1.d, z0.d, z31.d
+        sub     z31.s, z1.s, z0.s
+        rdvl    x29, #2
+.endm
+PROBE run_chain
 
 // Vector length reads and stack-pointer arithmetic.
 PROBE rdvl_x0,         rdvl x0, #1

@@ -30,7 +30,7 @@ typedef void mutate_fn(image* m);
 
 #define D(name) probe_fn probe_##name;
 D(add_zi_d) D(add_zi_h_lsl) D(sub_zi_s) D(add_zzz_s) D(sub_zzz_h) D(add_zzz_b_self) D(sub_zzz_d) D(adjacent)
-D(rdvl_x0) D(rdvl_x30) D(rdvl_x29) D(addvl_x28) D(addvl_x26) D(addpl_x27) D(addvl_x0_x27) D(addvl_x1_x28)
+D(run_chain) D(rdvl_x0) D(rdvl_x30) D(rdvl_x29) D(addvl_x28) D(addvl_x26) D(addpl_x27) D(addvl_x0_x27) D(addvl_x1_x28)
 D(addpl_x2_x26) D(addvl_x28_x26) D(addpl_x26_x27) D(addvl_x3_sp) D(addvl_x30_sp) D(addvl_sp) D(addvl_sp_pair)
 D(addpl_sp)
 #undef D
@@ -47,6 +47,16 @@ static void m_sub_zzz_d(image* m) { e2e_lanes(m->q[29], m->q[28], m->q[27], 8, 1
 static void m_adjacent(image* m) {
   e2e_lanes_imm(m->q[1], m->q[1], 1, 8, 0);
   e2e_lanes(m->q[2], m->q[1], m->q[1], 8, 0);
+}
+static void m_run_chain(image* m) {
+  m->x[28] += VL;
+  m->x[27] = m->x[28] + 2 * PL;
+  m->x[26] = m->x[27] - VL;
+  m->x[0] = m->sp - VL;
+  e2e_lanes_imm(m->q[0], m->q[0], 3, 8, 0);
+  e2e_lanes(m->q[1], m->q[0], m->q[31], 8, 0);
+  e2e_lanes(m->q[31], m->q[1], m->q[0], 4, 1);
+  m->x[29] = 2 * VL;
 }
 static void m_rdvl_x0(image* m) { m->x[0] = VL; }
 static void m_rdvl_x30(image* m) { m->x[30] = (uint64_t)-3 * VL; }
@@ -70,7 +80,7 @@ static const struct {
 } probes[] = {
 #define P(name) {#name, probe_##name, m_##name},
     P(add_zi_d) P(add_zi_h_lsl) P(sub_zi_s) P(add_zzz_s) P(sub_zzz_h) P(add_zzz_b_self) P(sub_zzz_d) P(adjacent)
-    P(rdvl_x0) P(rdvl_x30) P(rdvl_x29) P(addvl_x28) P(addvl_x26) P(addpl_x27) P(addvl_x0_x27) P(addvl_x1_x28)
+    P(run_chain) P(rdvl_x0) P(rdvl_x30) P(rdvl_x29) P(addvl_x28) P(addvl_x26) P(addpl_x27) P(addvl_x0_x27) P(addvl_x1_x28)
     P(addpl_x2_x26) P(addvl_x28_x26) P(addpl_x26_x27) P(addvl_x3_sp) P(addvl_x30_sp)
 #undef P
     {"addvl_sp", probe_addvl_sp, m_unchanged},

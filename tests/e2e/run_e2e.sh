@@ -9,7 +9,8 @@
 #
 # PROGRAM_DIR holds the programs of the AArch64 build (e2e_*). QUERN_QEMU and
 # QUERN_SYSROOT choose the emulator and the sysroot, as for `quern run`;
-# E2E_OBJDUMP the disassembler that lists a program's instruction words.
+# E2E_OBJDUMP the disassembler that lists a program's instruction words;
+# E2E_QUERN_OPTIONS launcher options given to every `quern run` (e.g. --runs).
 # Exit status: 0 when nothing failed, 1 when something did, 77 when the only
 # case asked for was skipped.
 
@@ -21,7 +22,7 @@ cases=(
   fault-segv fault-bus fault-emulated
   options-unknown options-none
   markers markers-repeat markers-fallback markers-default-file
-  acle jit jit-fallback
+  acle jit jit-fallback random-runs random-runs-fallback
   signals-blocked signals-blocked-fallback signals-handler signals-reentry
   mem-fault-contiguous mem-fault-gather mem-fault-ldff-first mem-ldff-contained mem-inactive
 )
@@ -41,6 +42,7 @@ shift 2
 qemu=${QUERN_QEMU:-qemu-aarch64}
 sysroot=${QUERN_SYSROOT:-/usr/aarch64-linux-gnu}
 objdump=${E2E_OBJDUMP:-}
+read -r -a extra_options <<<"${E2E_QUERN_OPTIONS:-}"
 if [ -z "$objdump" ]; then
   if command -v aarch64-linux-gnu-objdump >/dev/null; then objdump=aarch64-linux-gnu-objdump
   elif [ "$(uname -m)" = aarch64 ]; then objdump=objdump; fi
@@ -83,7 +85,7 @@ run() {
 on_quern() {
   local tag=$1; shift
   log=$dir/$tag.log
-  run "$tag" "$quern" run --log "$log" --log-level 1 "$@"
+  run "$tag" "$quern" run --log "$log" --log-level 1 "${extra_options[@]}" "$@"
 }
 on_reference() { local tag=$1; shift; run "$tag" "$qemu" -cpu max,sve-max-vq=3 -L "$sysroot" "$@"; }
 
@@ -446,6 +448,11 @@ case_markers-default-file() {
   fi
   check_marker_trace "${files[0]}" 1
 }
+
+# Random runs of adjacent words (written at run time, so the words of the
+# program's file say nothing: the rows they come from have landed).
+case_random-runs() { need runs && same_as_reference 0 -- "$p"; }
+case_random-runs-fallback() { need runs && same_as_reference 0 --fallback -- "$p"; }
 
 case_acle() { need acle && all_implemented "$p" && same_as_reference 0 -- "$p"; }
 case_jit() { need jit && all_implemented "$p" && same_as_reference 0 -- "$p"; }
