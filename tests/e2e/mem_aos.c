@@ -1,4 +1,3 @@
-// needs: MOVPRFX (VecU32SpecialMoveV), CNTB/CNTH/CNTW/CNTD (Vec*CountVLSI), LSL immediate (VecU32ShlVIX), ORR vectors (VecU64OrVVX), EOR vectors (VecU64XorVVX), WHILELO (Vec*While4LTSS)
 // Arrays of structures that GCC at -O3 turns into LD3/ST3 (and LD2/ST2,
 // LD4/ST4) for SVE: each pass loads three interleaved fields into three
 // registers and stores them back interleaved. Trip counts that are not

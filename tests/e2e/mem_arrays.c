@@ -1,4 +1,3 @@
-// needs: MAD (VecS8/16/32/64MADDVVVM), CNTB/CNTH/CNTW/CNTD (Vec*CountVLSI), LSR immediate (VecU16ShrVIX), PTRUE (VecP8TrueI), WHILELO (Vec*While4LTSS), DUP immediate (Vec*DupI)
 // Loops over arrays of every element width that GCC vectorises for SVE at
 // -O3: contiguous loads and stores (same width and widening), with trip counts
 // that are not multiples of the vector length, so that the last pass runs

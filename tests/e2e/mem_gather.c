@@ -1,4 +1,3 @@
-// needs: ADR (VecU32LEA2VV), CNTW/CNTD (VecU32CountVLSI, VecU64CountVLSI), WHILELO (VecU32While4LTSS, VecU64While4LTSS)
 // A gather loop (b[i] = a[idx[i]]) and a scatter loop (c[idx[i]] = b[i] * 3)
 // that GCC vectorises for SVE at -O3, run by several threads at once. With
 // --markers each thread runs its loops inside a traced region, and the

@@ -1,4 +1,3 @@
-// needs: SETFFR (VecPClearFFSR), RDFFR (VecPReadFFSRP), PTRUE (VecP8TrueI), CMPEQ immediate (VecS8CmpFlgEQVIZ), BRKB (VecPBreakBPZ), CNTP (VecU8SCountP), INCP (VecU8IncrSCountPS)
 // A strlen written with first-fault loads (ACLE): each pass loads a whole
 // vector from the string, also past its end, and first-fault loading stops at
 // the first byte it cannot read instead of faulting. The strings are placed so

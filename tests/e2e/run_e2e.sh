@@ -25,6 +25,7 @@ cases=(
   acle jit jit-fallback random-runs random-runs-fallback
   signals-blocked signals-blocked-fallback signals-handler signals-reentry
   mem-fault-contiguous mem-fault-gather mem-fault-ldff-first mem-ldff-contained mem-inactive
+  mem-arrays mem-aos mem-strlen mem-gather vla-loop
 )
 
 if [ "${1:-}" = --list ]; then
@@ -345,8 +346,20 @@ case_mem-fault-ldff-first() { mem_fault_case ldff-first 139; }
 case_mem-ldff-contained() { mem_fault_case ldff-contained 0; }
 case_mem-inactive() { mem_fault_case inactive 0; }
 
-# Programs that GCC vectorises for SVE at -O3 (see "needs:" at the top of each
-# for the rows they also use). mem-gather compares the trace's load and store
+# The compiled loop: it must really be the WHILELO/LD1W/ADD/ST1W/INCW loop.
+case_vla-loop() {
+  need vla_loop && all_implemented "$p" || return 1
+  local m
+  for m in 'whilelo\s' 'ld1w\s' 'add\s+z' 'st1w\s' 'incw\s+z' 'b\.any'; do
+    if ! "$objdump" -d "$p" | grep -qE "$m"; then
+      fail_reason="the compiler did not emit $m"
+      return 1
+    fi
+  done
+  same_as_reference 0 -- "$p"
+}
+
+# Programs that GCC vectorises for SVE at -O3. mem-gather compares the trace's load and store
 # records with the active lanes that the program counted itself.
 case_mem-arrays() { need mem_arrays && all_implemented "$p" && same_as_reference 0 -- "$p"; }
 case_mem-aos() { need mem_aos && all_implemented "$p" && same_as_reference 0 -- "$p"; }
