@@ -3,49 +3,13 @@
 // it the floor: a plain copy of one 48-byte register.
 #include <benchmark/benchmark.h>
 
-#include <cstring>
-#include <random>
-
-#include "sve/dispatch/cpu_state.h"
-#include "sve/dispatch/decode.h"
+#include "bench/bench_word.h"
 
 namespace {
 
-cpu_state* state_for_bench() {
-  static cpu_state s;
-  std::mt19937_64 rng(3);
-  for (auto& z : s.z)
-    for (auto& b : z) b = static_cast<unsigned char>(rng());
-  for (auto& p : s.p)
-    for (auto& b : p) b = rng() & 1;
-  for (auto& x : s.x) x = rng();
-  return &s;
-}
+using bench::run_word;
 
-void run_word(benchmark::State& state, uint32_t word) {
-  cpu_state* s = state_for_bench();
-  const sve_handler_fn h = get_sve_handler(word);
-  if (!h) {
-    state.SkipWithError("word has no row");
-    return;
-  }
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(h(s, word));
-    benchmark::ClobberMemory();
-  }
-  state.SetItemsProcessed(state.iterations());
-}
-
-void BM_Floor_Copy48(benchmark::State& state) {
-  cpu_state* s = state_for_bench();
-  unsigned n = 0;
-  for (auto _ : state) {
-    std::memcpy(s->z[1 + (n & 1)], s->z[3], kVecBytes);
-    ++n;
-    benchmark::ClobberMemory();
-  }
-  state.SetItemsProcessed(state.iterations());
-}
+void BM_Floor_Copy48(benchmark::State& state) { bench::copy_floor(state); }
 BENCHMARK(BM_Floor_Copy48);
 
 // Unary, minimum and maximum.

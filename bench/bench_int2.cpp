@@ -3,47 +3,12 @@
 // against the floor of copying one 48-byte register.
 #include <benchmark/benchmark.h>
 
-#include <cstring>
-#include <random>
-
-#include "sve/dispatch/cpu_state.h"
-#include "sve/dispatch/decode.h"
+#include "bench/bench_word.h"
 
 namespace {
 
-cpu_state random_cpu() {
-  std::mt19937_64 rng(3);
-  cpu_state s;
-  std::memset(&s, 0, sizeof s);
-  for (auto& z : s.z)
-    for (auto& b : z) b = static_cast<unsigned char>(rng());
-  for (auto& p : s.p)
-    for (auto& b : p) b = static_cast<unsigned char>(rng() & 1);
-  return s;
-}
-
-void run(benchmark::State& state, uint32_t word) {
-  cpu_state s = random_cpu();
-  const sve_handler_fn h = get_sve_handler(word);
-  if (!h) {
-    state.SkipWithError("no row");
-    return;
-  }
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(h(&s, word));
-    benchmark::ClobberMemory();
-  }
-  state.SetItemsProcessed(state.iterations());
-}
-
-void BM_CopyFloor(benchmark::State& state) {
-  cpu_state s = random_cpu();
-  for (auto _ : state) {
-    std::memcpy(s.z[0], s.z[1], kVecBytes);
-    benchmark::ClobberMemory();
-  }
-  state.SetItemsProcessed(state.iterations());
-}
+void run(benchmark::State& state, uint32_t word) { bench::run_word(state, word); }
+void BM_CopyFloor(benchmark::State& state) { bench::copy_floor(state); }
 
 void BM_Mul_S(benchmark::State& s) { run(s, 0x04900020); }      // mul z0.s, p0/m, z0.s, z1.s
 void BM_Sdiv_S(benchmark::State& s) { run(s, 0x04940020); }     // sdiv z0.s, p0/m, z0.s, z1.s

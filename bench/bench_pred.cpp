@@ -8,7 +8,7 @@
 
 #include <cstring>
 
-#include "sve/dispatch/decode.h"
+#include "bench/bench_word.h"
 #include "sve/predicate/pred_while.h"
 
 namespace {
@@ -27,16 +27,7 @@ cpu_state machine() {
 
 void run_word(benchmark::State& state, uint32_t word) {
   cpu_state s = machine();
-  const sve_handler_fn h = get_sve_handler(word);
-  if (!h) {
-    state.SkipWithError("no row");
-    return;
-  }
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(h(&s, word));
-    benchmark::ClobberMemory();
-  }
-  state.SetItemsProcessed(state.iterations());
+  bench::run_word(state, &s, word);
 }
 
 void BM_Ptest(benchmark::State& s) { run_word(s, 0x2550c860u); }            // ptest p2, p3.b

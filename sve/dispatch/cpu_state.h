@@ -100,16 +100,36 @@ using sve_handler_fn = aarch64_decode_rc (*)(cpu_state*, unsigned int);
 
 // ---- predicate packing -----------------------------------------------------
 
+// Eight predicate bytes at a time. Packing keeps bit 0 of each byte and gathers
+// byte i's bit at bit 56 + i of the product (no two partial products meet below
+// bit 56, so nothing carries into the result); unpacking looks the byte up.
+namespace pred_detail {
+struct spread_table {
+  uint64_t v[256];
+  constexpr spread_table() : v{} {
+    for (unsigned b = 0; b < 256; ++b)
+      for (unsigned i = 0; i < 8; ++i) v[b] |= uint64_t((b >> i) & 1u) << (8 * i);
+  }
+};
+inline constexpr spread_table kSpread{};
+}  // namespace pred_detail
+
 inline PredV pack_pred(const unsigned char (&bytes)[kVecBytes]) {
   PredV v{};
-  for (unsigned i = 0; i < kVecBytes; ++i)
-    v.w[0] |= uint64_t(bytes[i] & 1u) << i;
+  for (unsigned i = 0; i < kVecBytes; i += 8) {
+    uint64_t chunk;
+    std::memcpy(&chunk, bytes + i, 8);   // little-endian host
+    chunk &= 0x0101010101010101ull;
+    v.w[0] |= ((chunk * 0x0102040810204080ull) >> 56) << i;
+  }
   return v;
 }
 
 inline void unpack_pred(const PredV& v, unsigned char (&bytes)[kVecBytes]) {
-  for (unsigned i = 0; i < kVecBytes; ++i)
-    bytes[i] = static_cast<unsigned char>((v.w[0] >> i) & 1u);
+  for (unsigned i = 0; i < kVecBytes; i += 8) {
+    const uint64_t chunk = pred_detail::kSpread.v[(v.w[0] >> i) & 0xFFu];
+    std::memcpy(bytes + i, &chunk, 8);
+  }
 }
 
 inline bool pred_bit(const PredV& v, unsigned bit) {
