@@ -35,7 +35,7 @@ void run_word(benchmark::State& state, uint32_t word, unsigned size) {
 
 // z0 = Zdn / Zda, p1 = Pg, z1, z2 = other sources; size code in bits 23..22.
 void BM_Fadd(benchmark::State& s) { run_word(s, 0x65008440u | unsigned(s.range(0)) << 22, unsigned(s.range(0))); }
-void BM_Fmla(benchmark::State& s) { run_word(s, 0x65200420u | unsigned(s.range(0)) << 22, unsigned(s.range(0))); }
+void BM_Fmla(benchmark::State& s) { run_word(s, 0x65220420u | unsigned(s.range(0)) << 22, unsigned(s.range(0))); }
 void BM_Faddv(benchmark::State& s) { run_word(s, 0x65002440u | unsigned(s.range(0)) << 22, unsigned(s.range(0))); }
 
 // Argument: size code (1 half, 2 single, 3 double).
@@ -44,3 +44,4 @@ BENCHMARK(BM_Fmla)->Arg(2)->Arg(3)->Arg(1);
 BENCHMARK(BM_Faddv)->Arg(2)->Arg(3)->Arg(1);
 
 }  // namespace
+BENCHMARK_MAIN();
