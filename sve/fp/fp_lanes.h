@@ -233,19 +233,25 @@ template <class F> inline aarch64_decode_rc by_fp_size(int32_t size, F&& f) {
   return size == 3 ? f(D64{}) : f(F32{});
 }
 
-template <class T, class Op>
-inline aarch64_decode_rc zpz_t(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm, Op op) {
+// The merging walk: active lanes get op(Zdn, second(i)), inactive ones keep Zdn.
+template <class T, class Op, class Second>
+inline aarch64_decode_rc merge_walk(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, Op op, Second second) {
   const unsigned char* a = cs->z[zdn.number];
-  const unsigned char* b = cs->z[zm.number];
   const unsigned char* p = cs->p[pg.number];
   unsigned char out[kVecBytes];
   soft_status st(cs);
   for (unsigned i = 0; i < lanes<T>; ++i) {
     const T x = lane<T>(a, i);
-    set_lane<T>(out, i, active<T>(p, i) ? lane_op2<T>(op, x, lane<T>(b, i), st) : x);
+    set_lane<T>(out, i, active<T>(p, i) ? lane_op2<T>(op, x, second(i), st) : x);
   }
   std::memcpy(cs->z[zdn.number], out, kVecBytes);
   return AARCH64_DECODE_OK;
+}
+
+template <class T, class Op>
+inline aarch64_decode_rc zpz_t(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm, Op op) {
+  const unsigned char* b = cs->z[zm.number];
+  return merge_walk<T>(cs, zdn, pg, op, [b](unsigned i) { return lane<T>(b, i); });
 }
 
 // Zdn = Pg ? op(Zdn, Zm) : Zdn
@@ -273,16 +279,7 @@ inline aarch64_decode_rc zzz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, 
 
 template <class T, class Op>
 inline aarch64_decode_rc zpi_t(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, T imm, Op op) {
-  const unsigned char* a = cs->z[zdn.number];
-  const unsigned char* p = cs->p[pg.number];
-  unsigned char out[kVecBytes];
-  soft_status st(cs);
-  for (unsigned i = 0; i < lanes<T>; ++i) {
-    const T x = lane<T>(a, i);
-    set_lane<T>(out, i, active<T>(p, i) ? lane_op2<T>(op, x, imm, st) : x);
-  }
-  std::memcpy(cs->z[zdn.number], out, kVecBytes);
-  return AARCH64_DECODE_OK;
+  return merge_walk<T>(cs, zdn, pg, op, [imm](unsigned) { return imm; });
 }
 
 // Zdn = Pg ? op(Zdn, imm) : Zdn, the selector bit standing for a constant of kind k.
