@@ -96,8 +96,7 @@ extern "C" {
 #define QUERN_FP_MIXED(NAME, L, S, R, SIGNED, OP) \
   VecV NAME(VecV d, PredV p, VecV n, CpuContext* c) { return fpcvt::unary_vm<L, S, R, SIGNED>(d, p, n, c, OP{}); }
 
-#define QUERN_FRINT(TY, T)                                                   \
-  QUERN_FP_SAME(Vec##TY##FRIntAVM, T, (round_fixed<T, FPRounding_TIEAWAY, false>)) \
+#define QUERN_FRINT(TY, T)                                               \
   QUERN_FP_SAME(Vec##TY##FRIntIVM, T, (round_current<T, false>))             \
   QUERN_FP_SAME(Vec##TY##FRIntMVM, T, (round_fixed<T, FPRounding_NEGINF, false>))  \
   QUERN_FP_SAME(Vec##TY##FRIntNVM, T, (round_fixed<T, FPRounding_TIEEVEN, false>)) \
@@ -105,17 +104,11 @@ extern "C" {
   QUERN_FP_SAME(Vec##TY##FRIntXVM, T, (round_current<T, true>))              \
   QUERN_FP_SAME(Vec##TY##FRIntZVM, T, (round_fixed<T, FPRounding_ZERO, false>))
 
-#define QUERN_FRINT_NOA(TY, T)                                               \
-  QUERN_FP_SAME(Vec##TY##FRIntIVM, T, (round_current<T, false>))             \
-  QUERN_FP_SAME(Vec##TY##FRIntMVM, T, (round_fixed<T, FPRounding_NEGINF, false>))  \
-  QUERN_FP_SAME(Vec##TY##FRIntNVM, T, (round_fixed<T, FPRounding_TIEEVEN, false>)) \
-  QUERN_FP_SAME(Vec##TY##FRIntPVM, T, (round_fixed<T, FPRounding_POSINF, false>))  \
-  QUERN_FP_SAME(Vec##TY##FRIntXVM, T, (round_current<T, true>))              \
-  QUERN_FP_SAME(Vec##TY##FRIntZVM, T, (round_fixed<T, FPRounding_ZERO, false>))
-
+// Every form for half; FRINTA of single and double is a fast handler.
 QUERN_FRINT(F16, uint16_t)
-QUERN_FRINT_NOA(F32, uint32_t)   // FRINTA of single and double is a fast handler
-QUERN_FRINT_NOA(D64, uint64_t)
+QUERN_FP_SAME(VecF16FRIntAVM, uint16_t, (round_fixed<uint16_t, FPRounding_TIEAWAY, false>))
+QUERN_FRINT(F32, uint32_t)
+QUERN_FRINT(D64, uint64_t)
 
 QUERN_FP_MIXED(VecF32ExtndHVM, uint32_t, uint16_t, uint32_t, false, (convert<uint16_t, uint32_t>))
 QUERN_FP_MIXED(VecD64ExtndHVM, uint64_t, uint16_t, uint64_t, false, (convert<uint16_t, uint64_t>))
@@ -168,7 +161,6 @@ aarch64_decode_rc sve_frinta_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg 
 }
 
 #undef QUERN_FRINT
-#undef QUERN_FRINT_NOA
 #undef QUERN_FP_SAME
 #undef QUERN_FP_MIXED
 
