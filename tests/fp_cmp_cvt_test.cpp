@@ -83,6 +83,8 @@ const Case kCases[] = {
     {"ftsmul.s underflow", 0x65810c02, 4, 0x1e3ce508, 1, 0, kAll, 4, 0x800116c2, UFC | IXC},
 };
 
+void PrintTo(const Case& c, std::ostream* os) { *os << c.what; }
+
 void fill(unsigned char* reg, unsigned bytes, uint64_t v) {
   for (unsigned i = 0; i < 48; i += bytes) std::memcpy(reg + i, &v, bytes);
 }
