@@ -5,9 +5,10 @@
 # processor without SVE (one word per call, and with --runs), and the NEON
 # build on qemu without SVE, and prints one line per program and build.
 #
-#   run_programs.sh QUERN OUTDIR [--small] [--check LIST] [PROGRAM...]
+#   run_programs.sh QUERN OUTDIR [--small | --scale K] [--check LIST] [PROGRAM...]
 #
 # --small   the sizes of CI (default: full sizes)
+# --scale K K times the sizes of CI
 # --check   fail (status 1) if a program named in LIST (one name a line,
 #           '#' comments) does not give the reference's checksum both ways
 # A source that does not compile, or a program that is missing or is not an
@@ -17,15 +18,16 @@
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
 if [ $# -lt 2 ]; then
-  echo "usage: run_programs.sh QUERN OUTDIR [--small] [--check LIST] [PROGRAM...]" >&2
+  echo "usage: run_programs.sh QUERN OUTDIR [--small | --scale K] [--check LIST] [PROGRAM...]" >&2
   exit 2
 fi
 quern=$(readlink -f "$1") out=$2
 shift 2
-small=0 check= only=()
+small=0 scale=1 check= only=()
 while [ $# -gt 0 ]; do
   case $1 in
     --small) small=1 ;;
+    --scale) small=1 scale=$2; shift ;;
     --check) check=$2; shift ;;
     *) only+=("$1") ;;
   esac
@@ -110,7 +112,7 @@ for entry in "${programs[@]}"; do
   wanted "$name" || continue
   [ "$extra" = - ] && extra=
   args=()
-  [ $small -eq 1 ] && args=("$size")
+  [ $small -eq 1 ] && args=("$((size * scale))")
   # NEON build of the same source, on qemu without SVE.
   neon_secs=-
   # shellcheck disable=SC2086

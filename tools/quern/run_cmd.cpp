@@ -31,7 +31,7 @@ const char kRunUsage[] =
     "  --log FILE       where the log goes (default: standard error)\n"
     "  --trace FILE     where the memory trace goes (default: PROGRAM.PID.qtrace)\n"
     "  --fallback       emulate from the signal context only, never rewrite code\n"
-    "  --runs           adjacent SVE words share one register park and one call\n"
+    "  --runs           adjacent SVE words share one register park and one call (default)\n"
     "  --no-runs        one register park and one call per SVE word\n"
     "environment: QUERN_LIBDIR (AArch64 libraries), QUERN_QEMU, QUERN_SYSROOT\n";
 
@@ -103,7 +103,7 @@ std::string library_dir() {
 
 int run_main(int argc, char** argv) {
   std::string log_level, log_file, trace_file;
-  bool fallback = false, runs = false;
+  bool fallback = false, runs = true;
   std::vector<std::string> client_options;
   int i = 1;
   for (; i < argc; ++i) {
@@ -164,7 +164,7 @@ int run_main(int argc, char** argv) {
   if (!log_file.empty()) setenv("QUERN_LOG_FILE", log_file.c_str(), 1);
   if (!trace_file.empty()) setenv("QUERN_TRACE_FILE", trace_file.c_str(), 1);
   if (fallback) setenv("QUERN_FALLBACK", "1", 1);
-  if (runs) setenv("QUERN_RUNS", "1", 1);
+  setenv("QUERN_RUNS", runs ? "1" : "0", 1);
 
   std::vector<const char*> args;
   std::string preload;
