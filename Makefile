@@ -7,7 +7,7 @@
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle fplib-check clean
+.PHONY: programs demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle fplib-check clean
 
 setup:
 	@tools/setup.sh
@@ -81,6 +81,12 @@ fplib-check: build/aarch64/Makefile
 	@seed=$${FPLIB_SEED:-$$(od -An -N4 -tu4 /dev/urandom | tr -d ' ')}; \
 	qemu-aarch64 -cpu max,sve-max-vq=3 -L /usr/aarch64-linux-gnu build/aarch64/tests/fplib/fplib_check \
 	  --cases $(FPLIB_CASES) --seed $$seed --exhaustive
+
+# The compiled programs: each kernel under quern (one word per call and
+# --runs) against the reference processor and against its NEON build.
+# PROGRAMS=... runs some only; PROGRAMS_SIZE=--small the sizes of CI.
+programs: demo-build
+	programs/run_programs.sh build/native/tools/quern/quern build/programs $(PROGRAMS_SIZE) $(PROGRAMS)
 
 clean:
 	rm -rf build

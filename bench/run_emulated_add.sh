@@ -35,6 +35,6 @@ row() {
 
 printf '%-20s %12s %16s   %s\n' "road" "ns alone" "ns in runs of 4" "emitted per block (1 word / 4 words)"
 row "trap path" $((n / 20)) -- --fallback
-if [ -n "$before" ]; then row "one-word (before)" "$n" "QUERN_LIBDIR=$before" --; fi
-row "one-word" "$n" --
+if [ -n "$before" ]; then row "one-word (before)" "$n" "QUERN_LIBDIR=$before" -- --no-runs; fi
+row "one-word" "$n" -- --no-runs
 row "runs" "$n" -- --runs

@@ -35,5 +35,28 @@ check run-no-program2    2 'no program given after --'       -- run --log-level 
 check run-bad-level      2 '--log-level takes a number'      -- run --log-level x -- /bin/true
 check run-missing-value  2 '--trace takes a file name'       -- run --trace -- /bin/true
 check run-not-found      127 'quern: no-such-program-here: No such file or directory' -- run -- no-such-program-here
+# Files that are not AArch64 programs stop `quern run` with one line before
+# anything starts (the ELF headers are written here, so the host does not matter).
+tmp=$(mktemp -d)
+trap 'rm -rf "$tmp"' EXIT
+echo 'just text, not a program' >"$tmp/text"
+byte() { printf "\\$(printf '%03o' "$1")"; }
+elf() {   # elf FILE CLASS MACHINE_LO MACHINE_HI: a 64-byte ELF header, little-endian, ET_EXEC
+  { printf '\177ELF'; byte "$2"; byte 1; byte 1; head -c 9 /dev/zero; byte 2; byte 0; byte "$3"; byte "$4"
+    head -c 44 /dev/zero; } >"$1"
+  chmod +x "$1"
+}
+elf "$tmp/x86" 2 62 0
+elf "$tmp/arm32" 1 40 0
+head -c 10 "$tmp/x86" >"$tmp/short"
+check run-text           126 "^quern: $tmp/text: not an executable \\(no ELF header\\)$" -- run -- "$tmp/text"
+check run-x86            126 "^quern: $tmp/x86: not an AArch64 executable \\(ELF machine 62, x86-64\\)$" -- run -- "$tmp/x86"
+check run-arm32          126 'not an AArch64 executable \(ELF machine 40\)$' -- run -- "$tmp/arm32"
+check run-truncated      126 'not an executable \(no ELF header\)$' -- run -- "$tmp/short"
+check run-directory      126 'not an executable' -- run -- "$tmp"
+for f in text x86 arm32; do   # exactly one line each
+  total=$((total + 1))
+  if [ "$("$quern" run -- "$tmp/$f" 2>&1 | wc -l)" -ne 1 ]; then echo "FAIL run-$f-one-line"; fails=$((fails + 1)); fi
+done
 echo "$((total - fails)) passed, $fails failed"
 [ "$fails" -eq 0 ]

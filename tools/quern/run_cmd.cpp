@@ -31,7 +31,8 @@ const char kRunUsage[] =
     "  --log FILE       where the log goes (default: standard error)\n"
     "  --trace FILE     where the memory trace goes (default: PROGRAM.PID.qtrace)\n"
     "  --fallback       emulate from the signal context only, never rewrite code\n"
-    "  --runs           adjacent SVE words share one register park and one call\n"
+    "  --runs           adjacent SVE words share one register park and one call (default)\n"
+    "  --no-runs        one register park and one call per SVE word\n"
     "environment: QUERN_LIBDIR (AArch64 libraries), QUERN_QEMU, QUERN_SYSROOT\n";
 
 int run_usage(const std::string& what) {
@@ -71,6 +72,28 @@ bool host_is_aarch64() {
   return uname(&u) == 0 && (strcmp(u.machine, "aarch64") == 0 || strcmp(u.machine, "arm64") == 0);
 }
 
+// Why `path` cannot be an AArch64 program, or "" if it can: checked before
+// anything starts, so that a wrong file gives one line rather than whatever
+// the loader or qemu make of it.
+std::string not_an_aarch64_program(const std::string& path) {
+  FILE* f = fopen(path.c_str(), "rb");
+  if (!f) return strerror(errno);
+  unsigned char h[20] = {};
+  const size_t n = fread(h, 1, sizeof h, f);
+  fclose(f);
+  if (n < sizeof h || memcmp(h, "\x7f" "ELF", 4) != 0) return "not an executable (no ELF header)";
+  const unsigned machine = h[5] == 2 ? (h[18] << 8 | h[19]) : (h[18] | h[19] << 8);
+  const unsigned type = h[5] == 2 ? (h[16] << 8 | h[17]) : (h[16] | h[17] << 8);
+  if (h[4] != 2 || machine != 183) {   // ELFCLASS64, EM_AARCH64
+    char what[96];
+    snprintf(what, sizeof what, "not an AArch64 executable (ELF machine %u%s)", machine,
+             machine == 62 ? ", x86-64" : "");
+    return what;
+  }
+  if (type != 2 && type != 3) return "not an executable (an ELF file of another kind)";   // ET_EXEC, ET_DYN
+  return "";
+}
+
 std::string library_dir() {
   if (const char* dir = getenv("QUERN_LIBDIR")) return dir;
   return QUERN_TARGET_LIBDIR;
@@ -80,7 +103,7 @@ std::string library_dir() {
 
 int run_main(int argc, char** argv) {
   std::string log_level, log_file, trace_file;
-  bool fallback = false, runs = false;
+  bool fallback = false, runs = true;
   std::vector<std::string> client_options;
   int i = 1;
   for (; i < argc; ++i) {
@@ -102,6 +125,8 @@ int run_main(int argc, char** argv) {
       fallback = true;
     } else if (a == "--runs") {
       runs = true;
+    } else if (a == "--no-runs") {
+      runs = false;
     } else if (a == "-h" || a == "--help") {
       fputs(kRunUsage, stdout);
       return 0;
@@ -116,6 +141,11 @@ int run_main(int argc, char** argv) {
   if (program.empty()) {
     fprintf(stderr, "quern: %s: %s\n", program_argv[0], strerror(errno));
     return 127;
+  }
+  const std::string bad = not_an_aarch64_program(program);
+  if (!bad.empty()) {
+    fprintf(stderr, "quern: %s: %s\n", program_argv[0], bad.c_str());
+    return 126;
   }
   const std::string libdir = library_dir();
   const std::string framework = libdir + "/libquern_framework.so";
@@ -134,7 +164,7 @@ int run_main(int argc, char** argv) {
   if (!log_file.empty()) setenv("QUERN_LOG_FILE", log_file.c_str(), 1);
   if (!trace_file.empty()) setenv("QUERN_TRACE_FILE", trace_file.c_str(), 1);
   if (fallback) setenv("QUERN_FALLBACK", "1", 1);
-  if (runs) setenv("QUERN_RUNS", "1", 1);
+  setenv("QUERN_RUNS", runs ? "1" : "0", 1);
 
   std::vector<const char*> args;
   std::string preload;
