@@ -49,6 +49,8 @@ struct writer_case {
   bool churn;        // threads created and ended while others write
 };
 
+void PrintTo(const writer_case& c, std::ostream* os) { *os << c.name; }
+
 struct writer_arg {
   int index;
   const writer_case* c;
