@@ -27,8 +27,10 @@
 //     its own machine state (which sits alone in its own heap block, so that
 //     AddressSanitizer sees an overrun).
 //
-// usage: quern-fuzz-words [--words N] [--seconds S] [--seed S] [--index I]
+// usage: quern-fuzz-words [--words N] [--seconds S] [--seed S] [--index I] [--plant]
 //   --index I replays word number I of the run with that seed, alone.
+//   --plant   points every address register of a memory row at the guard page:
+//             the run must then stop with a CRASH line (the harness's self-test).
 #include <setjmp.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -67,6 +69,7 @@ volatile int running_word = 0;
 volatile int fault_excused = 0;
 sigjmp_buf excused_jb;
 uint64_t run_seed = 0;
+bool plant = false;
 const char* scratch_lo = nullptr;
 const char* scratch_hi = nullptr;
 const char* guard_after = nullptr;  // the page after the scratch area
@@ -221,6 +224,13 @@ void one_word(uint64_t index, const oracle::scratch_area& scratch, std::vector<r
   oracle::fill_trial(plan, g, scratch, t, scratch.mem);
   c.fault_trials += t.fault_trial;
   *state = t.state;
+  if (plant && touches_memory && !plan.first_fault) {
+    const uint64_t bad = reinterpret_cast<uint64_t>(guard_after);
+    for (auto& x : state->x) x = bad;
+    state->sp = bad;
+    for (auto& z : state->z)
+      for (unsigned i = 0; i < kVecBytes; i += 8) memcpy(z + i, &bad, 8);
+  }
 
   std::vector<unsigned char> mem_before;
   if (!landed && touches_memory) mem_before.assign(scratch.mem, scratch.mem + scratch.size);
@@ -265,8 +275,12 @@ int main(int argc, char** argv) {
   bool one = false, have_seed = false;
   for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
+    if (a == "--plant") {
+      plant = true;
+      continue;
+    }
     if (i + 1 >= argc) {
-      fprintf(stderr, "usage: %s [--words N] [--seconds S] [--seed S] [--index I]\n", argv[0]);
+      fprintf(stderr, "usage: %s [--words N] [--seconds S] [--seed S] [--index I] [--plant]\n", argv[0]);
       return 2;
     }
     if (a == "--words") {
@@ -280,7 +294,7 @@ int main(int argc, char** argv) {
       index = parse_u64(argv[++i]);
       one = true;
     } else {
-      fprintf(stderr, "usage: %s [--words N] [--seconds S] [--seed S] [--index I]\n", argv[0]);
+      fprintf(stderr, "usage: %s [--words N] [--seconds S] [--seed S] [--index I] [--plant]\n", argv[0]);
       return 2;
     }
   }
