@@ -7,7 +7,7 @@
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: programs demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle fplib-check clean
+.PHONY: programs demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle fplib-check robust clean
 
 setup:
 	@tools/setup.sh
@@ -71,6 +71,16 @@ oracle: aarch64
 	echo "oracle seed: $$seed"; \
 	qemu-aarch64 -cpu max,sve-max-vq=3 -L /usr/aarch64-linux-gnu build/aarch64/tests/oracle/quern-oracle \
 	  --trials $(ORACLE_TRIALS) --seed $$seed --report build/aarch64/oracle-report.tsv $(ORACLE_FLAGS)
+
+# Every word of the SVE group through the emulator, at length, under
+# AddressSanitizer and UBSan: ROBUST_WORDS random words, a fresh seed (or
+# ROBUST_SEED=...). Prints words tried, rows reached and crashes.
+ROBUST_WORDS ?= 10000000
+robust: build/asan/Makefile
+	cmake --build build/asan -j $(JOBS) --target quern-fuzz-words
+	@seed=$${ROBUST_SEED:-$$(od -An -N4 -tu4 /dev/urandom | tr -d ' ')}; \
+	build/asan/tests/robust/quern-fuzz-words --words $(ROBUST_WORDS) --seed $$seed 2> build/asan/robust-stderr.log; \
+	rc=$$?; grep -v '^Unimplemented instruction' build/asan/robust-stderr.log | head -40; exit $$rc
 
 # The floating-point library against the reference processor's instructions,
 # at length: FPLIB_CASES random cases per row and every 16-bit input of the

@@ -109,6 +109,15 @@ fi
 # Files that are still traces.
 variant zero-tail append_zeros $((3 * 56))
 expect_output dump-zero-tail "$known_csv" -- trace dump "$tmp/zero-tail"
+# A trace its program did not close keeps the unused tail of its last window:
+# read, and said to be cut short; a closed one is not.
+for verb in dump stats; do
+  q trace $verb "$tmp/zero-tail"
+  if [ "$(cat "$tmp/err")" = "quern: $tmp/zero-tail: trace cut short: the program did not close it (killed?); 8 record(s) read" ]
+  then ok "$verb-cut-short-reported"; else bad "$verb-cut-short-reported" "$(cat "$tmp/err")"; fi
+  q trace $verb "$known"
+  if [ ! -s "$tmp/err" ]; then ok "$verb-closed-not-cut-short"; else bad "$verb-closed-not-cut-short" "$(cat "$tmp/err")"; fi
+done
 q trace stats "$tmp/zero-tail"
 if grep -qx 'records: 8' "$tmp/out" && grep -qx 'unused slots at end: 3' "$tmp/out"; then ok stats-zero-tail
 else bad stats-zero-tail "$(cat "$tmp/out")"; fi

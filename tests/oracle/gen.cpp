@@ -414,6 +414,10 @@ void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch
     }
   }
 
+  fill_trial(plan, g, scratch, t, mem);
+}
+
+void fill_trial(const row_plan& plan, rng& g, const scratch_area& scratch, trial_input& t, unsigned char* mem) {
   random_state(t.state, g, scratch, plan.first_fault, plan.fp_bytes);
   cpu_state& s = t.state;
   const uint64_t base = reinterpret_cast<uint64_t>(scratch.mem);

@@ -83,4 +83,9 @@ struct trial_input {
 void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch_area& scratch, trial_input& t,
                 unsigned char* mem);
 
+// The state and memory of a trial whose word is already in `t.word`: what
+// make_trial does after drawing the word. For a scalar-plus-scalar row whose
+// base and index are one register the addresses are not bounded.
+void fill_trial(const row_plan& plan, rng& g, const scratch_area& scratch, trial_input& t, unsigned char* mem);
+
 }  // namespace oracle

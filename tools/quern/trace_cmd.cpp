@@ -39,6 +39,11 @@ void report_holes(const char* path, const trace_scan_info& info) {
   if (info.holes)
     fprintf(stderr, "quern: %s: skipped %" PRIu64 " empty slot(s) before the last record (records never completed)\n",
             path, info.holes);
+  // A trace closed by its program is cut to its last record; unused slots
+  // after it mean the program ended without closing it (killed, or crashed).
+  if (info.unused_tail || info.partial_tail_bytes)
+    fprintf(stderr, "quern: %s: trace cut short: the program did not close it (killed?); %" PRIu64
+            " record(s) read\n", path, info.records);
 }
 
 int dump(const char* path) {
