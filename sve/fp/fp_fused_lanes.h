@@ -1,112 +1,49 @@
-// Lane helpers shared by the fused, complex and reduction families.
-//
-// Generic road: each library call gets its own FPSCR built from the control
-// word, and its flags are merged into the status word afterwards.
-// Fast road: one host instruction per lane on AArch64; elsewhere the same lane
-// through the library under the application's FPCR, its flags merged into the
-// word that stands in for the host's FPSR.
+// Additions to the FP lane machinery for the fused, complex and reduction
+// families: the host's fused multiply-add (three operands), one lane of it or
+// of a two-operand operation on the fast road, and the sign flip that comes
+// before a fused operation on both roads.
 #pragma once
 
 #include <cstdint>
 
-#include "sve/dispatch/adapter_support.h"
-#include "sve/dispatch/cpu_state.h"
-#include "sve/lib/fp_lib.h"
+#include "sve/fp/fp_lanes.h"
 
 namespace fpx {
 
-constexpr uint32_t kStatusKeep = 0xf800009fu;
+using fplanes::fast_fp::soft_status;
 
-// One library call on the generic road: f(FPSCR&) -> T.
-template <typename F>
-inline auto lib(CpuContext* c, F f) {
-  FPSCR s = c->fpcr;
-  const auto r = f(s);
-  c->fpsr = (c->fpsr | s) & kStatusKeep;
-  return r;
-}
-
-// The library type of a lane of `bytes` width.
-template <unsigned Bytes> struct LibType;
-template <> struct LibType<2> { using type = unsigned short; };
-template <> struct LibType<4> { using type = unsigned int; };
-template <> struct LibType<8> { using type = unsigned long; };
-template <typename T> using lib_t = typename LibType<sizeof(T)>::type;
-
+// FPMulAdd(addend, a, b): one rounding. On the host, FMADD d, a, b, addend.
+struct op_fmadd {
+  template <class T> static T lib(T addend, T a, T b, FPSCR& f) { return fplib::FPMulAdd<T>(addend, a, b, f); }
 #if defined(__aarch64__)
-
-inline uint32_t host_fmadd(uint32_t a, uint32_t n, uint32_t m, const cpu_state*) {
-  float r, fa, fn, fm;
-  __builtin_memcpy(&fa, &a, 4);
-  __builtin_memcpy(&fn, &n, 4);
-  __builtin_memcpy(&fm, &m, 4);
-  asm volatile("fmadd %s0, %s1, %s2, %s3" : "=w"(r) : "w"(fn), "w"(fm), "w"(fa));
-  uint32_t out;
-  __builtin_memcpy(&out, &r, 4);
-  return out;
-}
-inline uint64_t host_fmadd(uint64_t a, uint64_t n, uint64_t m, const cpu_state*) {
-  double r, fa, fn, fm;
-  __builtin_memcpy(&fa, &a, 8);
-  __builtin_memcpy(&fn, &n, 8);
-  __builtin_memcpy(&fm, &m, 8);
-  asm volatile("fmadd %d0, %d1, %d2, %d3" : "=w"(r) : "w"(fn), "w"(fm), "w"(fa));
-  uint64_t out;
-  __builtin_memcpy(&out, &r, 8);
-  return out;
-}
-
-#define FPX_HOST_BINARY(NAME, INSN)                                                  \
-  inline uint32_t NAME(uint32_t a, uint32_t b, const cpu_state*) {                   \
-    float r, fa, fb;                                                                 \
-    __builtin_memcpy(&fa, &a, 4);                                                    \
-    __builtin_memcpy(&fb, &b, 4);                                                    \
-    asm volatile(INSN " %s0, %s1, %s2" : "=w"(r) : "w"(fa), "w"(fb));                \
-    uint32_t out;                                                                    \
-    __builtin_memcpy(&out, &r, 4);                                                   \
-    return out;                                                                      \
-  }                                                                                  \
-  inline uint64_t NAME(uint64_t a, uint64_t b, const cpu_state*) {                   \
-    double r, fa, fb;                                                                \
-    __builtin_memcpy(&fa, &a, 8);                                                    \
-    __builtin_memcpy(&fb, &b, 8);                                                    \
-    asm volatile(INSN " %d0, %d1, %d2" : "=w"(r) : "w"(fa), "w"(fb));                \
-    uint64_t out;                                                                    \
-    __builtin_memcpy(&out, &r, 8);                                                   \
-    return out;                                                                      \
+  static float host(float addend, float a, float b) {
+    float r;
+    __asm__ volatile("fmadd %s0, %s1, %s2, %s3" : "=w"(r) : "w"(a), "w"(b), "w"(addend));
+    return r;
   }
-FPX_HOST_BINARY(host_fmaxnm, "fmaxnm")
-FPX_HOST_BINARY(host_fminnm, "fminnm")
-#undef FPX_HOST_BINARY
-
-#else
-
-// No host FP unit of the architecture: the library, under the application's FPCR.
-template <typename F>
-inline auto host_lib(const cpu_state* cs, F f) {
-  FPSCR s = cs->fpcr & kCtxFpcrMask;
-  const auto r = f(s);
-  host_fpsr_merge(s & 0x9fu);
-  return r;
-}
-
-template <typename T>
-inline T host_fmadd(T a, T n, T m, const cpu_state* cs) {
-  using L = lib_t<T>;
-  return host_lib(cs, [&](FPSCR& s) { return T(FPMulAdd<L>(L(a), L(n), L(m), s)); });
-}
-template <typename T>
-inline T host_fmaxnm(T a, T b, const cpu_state* cs) {
-  using L = lib_t<T>;
-  return host_lib(cs, [&](FPSCR& s) { return T(FPMaxNum<L>(L(a), L(b), s)); });
-}
-template <typename T>
-inline T host_fminnm(T a, T b, const cpu_state* cs) {
-  using L = lib_t<T>;
-  return host_lib(cs, [&](FPSCR& s) { return T(FPMinNum<L>(L(a), L(b), s)); });
-}
-
+  static double host(double addend, double a, double b) {
+    double r;
+    __asm__ volatile("fmadd %d0, %d1, %d2, %d3" : "=w"(r) : "w"(a), "w"(b), "w"(addend));
+    return r;
+  }
 #endif
+};
+
+// One fast-road lane of a three-operand operation.
+template <class T, class Op>
+inline T lane_op3(Op, T x, T y, T z, soft_status& st) {
+  using namespace fplanes;
+  if constexpr (fast_fp::kHostFP) {
+    (void)st;
+#if defined(__aarch64__)
+    return from_host<T>(Op::host(to_host(x), to_host(y), to_host(z)));
+#else
+    return x;
+#endif
+  } else {
+    return static_cast<T>(Op::template lib<T>(x, y, z, st.fpscr));
+  }
+}
 
 // Sign flip: the same on both roads, it never raises a flag.
 template <typename T>

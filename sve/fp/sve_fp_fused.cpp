@@ -45,7 +45,7 @@ VecV fused_vvvm(const FusedForm& f, const VecV& d, const PredV& p, const VecV& x
     T out = dv;
     if (generic::active<T>(p, i))
       out = fused_lane<T>(f, dv, generic::lane<T>(x, i), generic::lane<T>(y, i), [c](T a, T b, T m) {
-        return fpx::lib(c, [&](FPSCR& s) { return FPMulAdd<T>(a, b, m, s); });
+        return fplanes::gen::call(c, [&](FPSCR& s) { return FPMulAdd<T>(a, b, m, s); });
       });
     generic::set_lane<T>(r, i, out);
   }
@@ -64,7 +64,7 @@ VecV fused_indexed(bool negate, const VecV& zn, const VecV& zm, const VecV& zda,
     const T a = generic::lane<T>(zda, i);
     const T f1 = neg_if(negate, generic::lane<T>(zn, i));
     const T f2 = generic::lane<T>(zm, (i & ~seg_mask<T>) + unsigned(index));
-    generic::set_lane<T>(r, i, fpx::lib(c, [&](FPSCR& s) { return FPMulAdd<T>(a, f1, f2, s); }));
+    generic::set_lane<T>(r, i, fplanes::gen::call(c, [&](FPSCR& s) { return FPMulAdd<T>(a, f1, f2, s); }));
   }
   return r;
 }
@@ -103,7 +103,7 @@ VecV fcmla_vvvm(const VecV& zda, const PredV& p, const VecV& zn, const VecV& zm,
   VecV r;
   const CmlaPlan pl = cmla_plan(unsigned(rot & 3));
   const unsigned n = generic::lane_count<T>(c);
-  auto ma = [c](T a, T b, T m) { return fpx::lib(c, [&](FPSCR& s) { return FPMulAdd<T>(a, b, m, s); }); };
+  auto ma = [c](T a, T b, T m) { return fplanes::gen::call(c, [&](FPSCR& s) { return FPMulAdd<T>(a, b, m, s); }); };
   for (unsigned k = 0; k + 1 < n; k += 2) {
     T o_r, o_i;
     cmla_pair<T>(pl, generic::lane<T>(zda, k), generic::lane<T>(zda, k + 1), generic::lane<T>(zn, k),
@@ -120,7 +120,7 @@ VecV fcmla_indexed(const VecV& zn, const VecV& zm, const VecV& zda, uint64_t ind
   VecV r;
   const CmlaPlan pl = cmla_plan(unsigned(rot & 3));
   const unsigned n = generic::lane_count<T>(c);
-  auto ma = [c](T a, T b, T m) { return fpx::lib(c, [&](FPSCR& s) { return FPMulAdd<T>(a, b, m, s); }); };
+  auto ma = [c](T a, T b, T m) { return fplanes::gen::call(c, [&](FPSCR& s) { return FPMulAdd<T>(a, b, m, s); }); };
   // Pairs per 128-bit segment: 4 for half, 2 for single.
   constexpr unsigned pairs_per_seg = 8 / sizeof(T);
   for (unsigned k = 0; 2 * k + 1 < n; ++k) {
@@ -146,9 +146,9 @@ VecV fcadd(const VecV& zdn, const PredV& p, const VecV& zm, uint64_t rot, CpuCon
     const T m_r = generic::lane<T>(zm, k), m_i = generic::lane<T>(zm, k + 1);
     T o_r = d_r, o_i = d_i;
     if (generic::active<T>(p, k))
-      o_r = fpx::lib(c, [&](FPSCR& s) { return FPAdd<T>(d_r, neg_if(!r270, m_i), s); });
+      o_r = fplanes::gen::call(c, [&](FPSCR& s) { return FPAdd<T>(d_r, neg_if(!r270, m_i), s); });
     if (generic::active<T>(p, k + 1))
-      o_i = fpx::lib(c, [&](FPSCR& s) { return FPAdd<T>(d_i, neg_if(r270, m_r), s); });
+      o_i = fplanes::gen::call(c, [&](FPSCR& s) { return FPAdd<T>(d_i, neg_if(r270, m_r), s); });
     generic::set_lane<T>(r, k, o_r);
     generic::set_lane<T>(r, k + 1, o_i);
   }
@@ -157,14 +157,11 @@ VecV fcadd(const VecV& zdn, const PredV& p, const VecV& zm, uint64_t rot, CpuCon
 
 // ---- fast road -----------------------------------------------------------------
 
-template <typename F>
-inline aarch64_decode_rc by_fp_size(int32_t size, F&& f) {
-  return size == 2 ? f(uint32_t{}) : f(uint64_t{});
-}
+using fplanes::fast_fp::by_fp_size;
 
 struct HostMulAdd {
-  const cpu_state* cs;
-  template <typename T> T operator()(T a, T n, T m) const { return fpx::host_fmadd(a, n, m, cs); }
+  fpx::soft_status& st;
+  template <typename T> T operator()(T a, T n, T m) const { return fpx::lane_op3<T>(fpx::op_fmadd{}, a, n, m, st); }
 };
 
 // (d, pg, x, y) in the order of the instruction's operands; d is the
@@ -177,7 +174,8 @@ aarch64_decode_rc fused_zpzz(const FusedForm& f, cpu_state* cs, aarch64_z_reg d,
   const unsigned char* yv = cs->z[y.number];
   const unsigned char* p = cs->p[pg.number];
   unsigned char out[kVecBytes];
-  const HostMulAdd ma{cs};
+  fpx::soft_status st(cs);
+  const HostMulAdd ma{st};
   for (unsigned i = 0; i < fast::lanes<T>; ++i) {
     const T di = fast::lane<T>(dv, i);
     fast::set_lane<T>(out, i,
@@ -196,7 +194,8 @@ aarch64_decode_rc fcmla_zpzz(cpu_state* cs, aarch64_z_reg zda, aarch64_p_reg pg,
   const unsigned char* mv = cs->z[zm.number];
   const unsigned char* p = cs->p[pg.number];
   unsigned char out[kVecBytes];
-  const HostMulAdd ma{cs};
+  fpx::soft_status st(cs);
+  const HostMulAdd ma{st};
   for (unsigned k = 0; k < fast::lanes<T>; k += 2) {
     T o_r, o_i;
     cmla_pair<T>(pl, fast::lane<T>(a, k), fast::lane<T>(a, k + 1), fast::lane<T>(nv, k), fast::lane<T>(nv, k + 1),

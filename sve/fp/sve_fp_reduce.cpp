@@ -5,6 +5,7 @@
 // the lowest element upward.
 
 #include <cstring>
+#include <type_traits>
 
 #include "decode_decls.h"
 #include "sve/fp/fp_fused_lanes.h"
@@ -41,7 +42,7 @@ uint64_t reduce_tree(const PredV& pg, const VecV& v, CpuContext* c, T identity, 
   const unsigned p = pow2_at_least(n);
   for (unsigned i = 0; i < p; ++i)
     work[i] = (i < n && generic::active<T>(pg, i)) ? generic::lane<T>(v, i) : identity;
-  return tree<T>(work, p, [&](T a, T b) { return fpx::lib(c, [&](FPSCR& s) { return libop(a, b, s); }); });
+  return tree<T>(work, p, [&](T a, T b) { return fplanes::gen::call(c, [&](FPSCR& s) { return libop(a, b, s); }); });
 }
 
 template <typename T>
@@ -51,7 +52,7 @@ uint64_t add_ordered(const PredV& pg, uint64_t start, const VecV& v, CpuContext*
   for (unsigned i = 0; i < n; ++i) {
     if (!generic::active<T>(pg, i)) continue;
     const T e = generic::lane<T>(v, i);
-    acc = fpx::lib(c, [&](FPSCR& s) { return FPAdd<T>(acc, e, s); });
+    acc = fplanes::gen::call(c, [&](FPSCR& s) { return FPAdd<T>(acc, e, s); });
   }
   return acc;
 }
@@ -66,8 +67,10 @@ aarch64_decode_rc minmaxnm_v(cpu_state* cs, unsigned vd, aarch64_p_reg pg, aarch
   const unsigned char* pr = cs->p[pg.number];
   T work[p];
   for (unsigned i = 0; i < p; ++i)
-    work[i] = (i < n && fast::active<T>(pr, i)) ? fast::lane<T>(src, i) : dnan<fpx::lib_t<T>>();
-  const T r = tree<T>(work, p, [cs](T a, T b) { return Max ? fpx::host_fmaxnm(a, b, cs) : fpx::host_fminnm(a, b, cs); });
+    work[i] = (i < n && fast::active<T>(pr, i)) ? fast::lane<T>(src, i) : dnan<T>();
+  fpx::soft_status st(cs);
+  using Op = std::conditional_t<Max, fplanes::op_maxnm, fplanes::op_minnm>;
+  const T r = tree<T>(work, p, [&st](T a, T b) { return fplanes::fast_fp::lane_op2<T>(Op{}, a, b, st); });
   std::memset(cs->z[vd], 0, kVecBytes);
   std::memcpy(cs->z[vd], &r, sizeof(T));
   return AARCH64_DECODE_OK;
@@ -102,10 +105,10 @@ REDUCE_ROWS(D64, uint64_t)
 #undef REDUCE_ROWS
 
 aarch64_decode_rc sve_fmaxnmv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return zn.size == 2 ? minmaxnm_v<uint32_t, true>(cs, vd, pg, zn) : minmaxnm_v<uint64_t, true>(cs, vd, pg, zn);
+  return fplanes::fast_fp::by_fp_size(zn.size, [&](auto t) { return minmaxnm_v<decltype(t), true>(cs, vd, pg, zn); });
 }
 aarch64_decode_rc sve_fminnmv_vpz(cpu_state* cs, unsigned int vd, aarch64_p_reg pg, aarch64_z_reg zn) {
-  return zn.size == 2 ? minmaxnm_v<uint32_t, false>(cs, vd, pg, zn) : minmaxnm_v<uint64_t, false>(cs, vd, pg, zn);
+  return fplanes::fast_fp::by_fp_size(zn.size, [&](auto t) { return minmaxnm_v<decltype(t), false>(cs, vd, pg, zn); });
 }
 
 }  // extern "C"
