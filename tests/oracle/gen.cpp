@@ -136,6 +136,10 @@ unsigned name_msize(const char* adapter, const char** suffix) {
 bool plan_row(const decode_row& r, row_plan& plan, std::string& error) {
   plan = row_plan{};
   const char* a = r.adapter;
+  if (std::strcmp(r.subsystem, "fp") == 0) {
+    const unsigned e = name_esize(a);
+    plan.fp_bytes = e == 2 || e == 4 || e == 8 ? e : 4;
+  }
   plan.memory = contains(a, "Load") || contains(a, "Store") || contains(a, "Prefetch") || contains(a, "Fill") ||
                 contains(a, "Spill");
   if (!plan.memory) return true;
@@ -232,8 +236,10 @@ uint64_t int_special(unsigned bytes, rng& g) {
   }
 }
 
-// Floating-point values where arithmetic goes wrong: zeros, denormals,
-// infinities, quiet and signalling NaNs, extremes, values that round.
+// Floating-point values where arithmetic goes wrong, at one width: zeros,
+// denormals, infinities, quiet and signalling NaNs, extremes, and values next
+// to the boundaries where a result rounds (half and quarter ulps of 1, all-ones
+// mantissas, x.5, the integer limits of conversions, the edge of underflow).
 uint64_t fp_special(unsigned bytes, rng& g) {
   const unsigned ebits = bytes == 2 ? 5 : bytes == 4 ? 8 : 11;
   const unsigned mbits = bytes == 2 ? 10 : bytes == 4 ? 23 : 52;
@@ -242,8 +248,13 @@ uint64_t fp_special(unsigned bytes, rng& g) {
   const uint64_t bias = emax >> 1;
   const uint64_t sign = g.one_in(2) ? uint64_t(1) << (ebits + mbits) : 0;
   auto make = [&](uint64_t e, uint64_t m) { return sign | (e << mbits) | (m & mmask); };
+  // An exponent relative to 1.0, held inside the finite range.
+  auto near_one = [&](int64_t d) {
+    const int64_t e = static_cast<int64_t>(bias) + d;
+    return static_cast<uint64_t>(e < 1 ? 1 : e > static_cast<int64_t>(emax) - 1 ? static_cast<int64_t>(emax) - 1 : e);
+  };
   const uint64_t quiet = uint64_t(1) << (mbits - 1);
-  switch (g.below(16)) {
+  switch (g.below(26)) {
     case 0: return make(0, 0);                                   // zero
     case 1: return make(0, 1);                                   // smallest denormal
     case 2: return make(0, mmask);                               // largest denormal
@@ -259,18 +270,48 @@ uint64_t fp_special(unsigned bytes, rng& g) {
     case 12: return make(bias + g.below(mbits / 2 + 1), quiet | (g.next() & 1)); // x.5 and near
     case 13: return make(bias - 1 - g.below(4), g.next());       // in (0, 1)
     case 14: return make(emax - 1 - g.below(3), g.next());       // near overflow
-    default: return make(1 + g.below(3), g.next());              // near underflow
+    case 15: return make(1 + g.below(3), g.next());              // near underflow
+    case 16: return make(near_one(-static_cast<int64_t>(mbits) - 1 - static_cast<int64_t>(g.below(2))), g.below(2)); // half, quarter ulp of 1
+    case 17: return make(near_one(g.between(-4, 4)), mmask - g.below(2));  // just below a power of two
+    case 18: return make(near_one(g.between(-8, 8)), (g.next() & ~uint64_t(3)) | 2);  // a tie one bit down
+    case 19: return make(0, quiet | (g.next() & (quiet - 1)));   // denormal near the normal range
+    case 20: {                                                   // integer limits of conversions
+      static const int kPow[] = {15, 16, 31, 32, 63, 64};
+      const int p = kPow[g.below(6)];
+      return make(near_one(p - static_cast<int>(g.below(2))), g.one_in(2) ? 0 : mmask - g.below(2));
+    }
+    case 21: return make(near_one(static_cast<int64_t>(mbits + g.below(2))), g.next()); // where the spacing reaches 1 or 2
+    case 22: return make(near_one(static_cast<int64_t>(bias) / 2 + g.between(-1, 1)), g.next()); // products overflow
+    case 23: return make(near_one(-static_cast<int64_t>(bias) / 2 + g.between(-1, 1)), g.next()); // products underflow
+    case 24: return make(near_one(g.between(-2, 2)), g.next() & ~((uint64_t(1) << (mbits / 2)) - 1)); // short mantissas
+    default: return make(near_one(g.between(-3, 3)), g.below(8) << (mbits - 3)); // small dyadics: exact sums
   }
 }
 
-void random_z(unsigned char* z, rng& g) {
-  const unsigned bytes = 1u << g.below(4);
-  const unsigned mode = static_cast<unsigned>(g.below(4));  // random, integers, floating point, mixed
+// One Z register. fp_bytes == 0: an element size at random and a mix of random
+// bits, integers and floating-point values. Otherwise mostly values of that
+// width (sometimes another, for conversions), random, special, or taken from
+// the trial's pool, negated at times.
+void random_z(unsigned char* z, rng& g, unsigned fp_bytes, const uint64_t* pool, unsigned pool_n) {
+  unsigned bytes = 1u << g.below(4);
+  unsigned mode = static_cast<unsigned>(g.below(4));  // random, integers, floating point, mixed
+  if (fp_bytes && !g.one_in(5)) {
+    bytes = g.one_in(4) ? 2u << g.below(3) : fp_bytes;
+    mode = g.one_in(2) ? 4 : 2;                         // pool, or floating point
+  }
   for (unsigned i = 0; i < kVecBytes; i += bytes) {
     uint64_t v = g.next();
     const unsigned kind = mode == 3 ? static_cast<unsigned>(g.below(3)) : mode;
     if (kind == 1 && !g.one_in(3)) v = int_special(bytes, g);
     if (kind == 2 && !g.one_in(4)) v = bytes == 1 ? int_special(1, g) : fp_special(bytes, g);
+    if (kind == 4) {
+      if (bytes == fp_bytes && !g.one_in(4)) {
+        v = pool[g.below(pool_n)];
+        if (g.one_in(4)) v ^= uint64_t(1) << (8 * bytes - 1);
+      } else {
+        v = fp_special(bytes, g);
+      }
+    }
     std::memcpy(z + i, &v, bytes);
   }
 }
@@ -307,7 +348,7 @@ uint64_t random_x(rng& g) {
 }
 
 uint32_t random_fpcr(rng& g) {
-  if (!g.one_in(3)) return 0;
+  if (g.one_in(2)) return 0;
   uint32_t v = static_cast<uint32_t>(g.below(4)) << 22;  // RMode
   if (g.one_in(3)) v |= 1u << 24;                        // FZ
   if (g.one_in(3)) v |= 1u << 25;                        // DN
@@ -331,7 +372,7 @@ void put_lane(unsigned char* z, unsigned lane, unsigned bytes, uint64_t v) {
 
 }  // namespace
 
-void random_state(cpu_state& s, rng& g, const scratch_area& scratch, bool first_fault) {
+void random_state(cpu_state& s, rng& g, const scratch_area& scratch, bool first_fault, unsigned fp_bytes) {
   std::memset(&s, 0, sizeof s);
   for (auto& x : s.x) x = random_x(g);
   const uint64_t base = reinterpret_cast<uint64_t>(scratch.mem);
@@ -341,7 +382,11 @@ void random_state(cpu_state& s, rng& g, const scratch_area& scratch, bool first_
   s.nzcv = g.below(16) << 28;
   s.fpsr = g.one_in(2) ? 0 : static_cast<uint32_t>(g.next()) & 0x0800009Fu;
   s.fpcr = random_fpcr(g);
-  for (auto& z : s.z) random_z(z, g);
+  uint64_t pool[6] = {};
+  const unsigned pool_n = fp_bytes ? 1 + static_cast<unsigned>(g.below(6)) : 1;
+  if (fp_bytes)
+    for (unsigned i = 0; i < pool_n; ++i) pool[i] = g.one_in(4) ? g.next() & width_mask(fp_bytes) : fp_special(fp_bytes, g);
+  for (auto& z : s.z) random_z(z, g, fp_bytes, pool, pool_n);
   for (auto& p : s.p) random_pred(p, g);
   // FFR: mostly a first run of set bits, as SETFFR and first-fault loads leave it.
   {
@@ -369,7 +414,7 @@ void make_trial(const decode_row& r, const row_plan& plan, rng& g, const scratch
     }
   }
 
-  random_state(t.state, g, scratch, plan.first_fault);
+  random_state(t.state, g, scratch, plan.first_fault, plan.fp_bytes);
   cpu_state& s = t.state;
   const uint64_t base = reinterpret_cast<uint64_t>(scratch.mem);
   const uint64_t mid = base + scratch.size / 2;

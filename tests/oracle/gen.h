@@ -57,6 +57,7 @@ struct row_plan {
   bool vec_scaled = false;           // index shifted left by log2(msize)
   unsigned msize = 0;                // bytes of one memory element
   unsigned esize = 0;                // bytes of one register element
+  unsigned fp_bytes = 0;             // floating-point rows: bytes of the element the name gives
 };
 
 // Works out the plan; returns false with a message if the row's name and
@@ -65,8 +66,10 @@ bool plan_row(const decode_row& r, row_plan& plan, std::string& error);
 
 // A random machine state: X registers, SP (16-byte aligned, inside the scratch
 // area), NZCV, FPSR, FPCR, Z, P and FFR (a first run of set bits mostly, and
-// always for first-fault rows).
-void random_state(cpu_state& s, rng& g, const scratch_area& scratch, bool first_fault);
+// always for first-fault rows). With `fp_bytes` set, Z registers hold mostly
+// floating-point values of that width, often drawn from a small shared pool so
+// that operands meet (equal, opposite, cancelling).
+void random_state(cpu_state& s, rng& g, const scratch_area& scratch, bool first_fault, unsigned fp_bytes = 0);
 
 struct trial_input {
   uint32_t word = 0;
