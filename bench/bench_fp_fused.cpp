@@ -75,3 +75,4 @@ BENCHMARK(BM_Fast_FmaxnmvS);
 BENCHMARK(BM_Generic_FaddaS);
 
 }  // namespace
+BENCHMARK_MAIN();
