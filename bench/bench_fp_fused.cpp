@@ -7,8 +7,7 @@
 #include <cstring>
 #include <random>
 
-#include "sve/dispatch/cpu_state.h"
-#include "sve/dispatch/decode.h"
+#include "bench/bench_word.h"
 
 namespace {
 
@@ -39,17 +38,7 @@ cpu_state* state_for_bench(unsigned size) {
 }
 
 void run_word(benchmark::State& state, uint32_t word, unsigned size) {
-  cpu_state* s = state_for_bench(size);
-  const sve_handler_fn h = get_sve_handler(word);
-  if (!h) {
-    state.SkipWithError("word has no row");
-    return;
-  }
-  for (auto _ : state) {
-    benchmark::DoNotOptimize(h(s, word));
-    benchmark::ClobberMemory();
-  }
-  state.SetItemsProcessed(state.iterations());
+  bench::run_word(state, state_for_bench(size), word);
 }
 
 // FMLA Z0, P0/M, Z1, Z2: the accumulator keeps growing by about 1 per call,

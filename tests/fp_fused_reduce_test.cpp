@@ -132,6 +132,8 @@ TEST(FpFused, NegationFirstFlushAndDefaultNaN) {
   const FusedCase cases[] = {
       {"FMLS flips the sign of a quiet NaN factor", 0x65a22020, 2, 0, f32(1), 0x7fc00001u, f32(1), 0xffc00001u, 0,
        kIOC},
+      {"FMLS keeps the sign of a NaN addend: the factor is negated, not the result", 0x65a22020, 2, 0, 0x7fc00001u,
+       f32(1), f32(1), 0x7fc00001u, 0, kIOC},
       {"FMLS half, quiet NaN factor, DN clear", 0x65622020, 1, 0, 0x3c00, 0x7e01, 0x3c00, 0xfe01, 0, kIOC},
       {"FMLS half, quiet NaN factor, DN set", 0x65622020, 1, kDN, 0x3c00, 0x7e01, 0x3c00, 0x7e00, 0, kIOC},
       {"FNMLA is -(a + n*m)", 0x65624020, 1, 0, 0x3c00, 0x4000, 0x4200, 0xc700, 0, kIXC},
