@@ -1,6 +1,7 @@
 /* A small program with SVE instructions in it, for `make demo`: it reads the
- * vector length, adds vectors with SVE ADD, and marks a region for the memory
- * trace. On a processor without SVE it runs only under `quern run`. */
+ * vector length, adds vectors with SVE ADD, and runs a loop that the compiler
+ * turns into an SVE gather inside the region marked for the memory trace. On a
+ * processor without SVE it runs only under `quern run`. */
 #include <stdint.h>
 #include <stdio.h>
 
@@ -8,6 +9,12 @@
  * quern reads them as "start" and "stop" of the traced region. */
 #define TRACE_START() __asm__ volatile(".inst 0x2520e020" ::: "memory")
 #define TRACE_STOP() __asm__ volatile(".inst 0x2520e040" ::: "memory")
+
+/* out[i] = table[idx[i]]: GCC vectorises it into LD1W gathers. */
+__attribute__((noipa)) static void gather(uint32_t* restrict out, const uint32_t* restrict table,
+                                          const uint32_t* restrict idx, int n) {
+  for (int i = 0; i < n; ++i) out[i] = table[idx[i]];
+}
 
 int main(void) {
   uint64_t vl;
@@ -25,7 +32,12 @@ int main(void) {
       "str q3, [%0]\n"
       "str q4, [%1]\n"
       : : "r"(sum), "r"(diff), "r"(a), "r"(b) : "v1", "v2", "v3", "v4", "memory");
+  uint32_t table[64], idx[30], out[30];
+  for (int i = 0; i < 64; ++i) table[i] = (uint32_t)(i * i);
+  for (int i = 0; i < 30; ++i) idx[i] = (uint32_t)(i * 7 % 64);
+  gather(out, table, idx, 30);
   TRACE_STOP();
+  printf("gathered    = %u %u %u ... %u (30 loads, traced)\n", out[0], out[1], out[2], out[29]);
   printf("a + b + 100 = %u %u %u %u\n", sum[0], sum[1], sum[2], sum[3]);
   printf("b - a       = %u %u %u %u\n", diff[0], diff[1], diff[2], diff[3]);
   return 0;
