@@ -28,6 +28,11 @@ while [ $# -gt 0 ]; do
   esac
   shift
 done
+quern=$(readlink -f "$quern") build=$(readlink -f "$build")
+[ -z "$before" ] || before=$(readlink -f "$before")
+mkdir -p "$out"
+# Whatever the runs leave in the working directory (trace files) goes there.
+cd "$out"
 qemu=${QUERN_QEMU:-qemu-aarch64}
 sysroot=${QUERN_SYSROOT:-/usr/aarch64-linux-gnu}
 
@@ -40,12 +45,11 @@ paste <(QUERN_QEMU="$qemu" "$quern" run --runs -- "$build/bench/emulated_words" 
       <("$qemu" -cpu max,sve-max-vq=3 -L "$sysroot" "$build/bench/emulated_words" | words) |
   awk -F'\t' 'BEGIN { printf "%-20s %10s %10s %8s\n", "word", "quern_ns", "ref_ns", "ratio" }
               { q = substr($1, 21) + 0; r = substr($2, 21) + 0;
-                printf "%-20s %10.1f %10.1f %7.1fx\n", substr($1, 1, 20), q, r, r > 0 ? q / r : 0 }'
+                printf "%-20s %10.1f %10.1f %7.1fx\n", substr($1, 1, 20), q, r, (r > 0 ? q / r : 0) }'
 echo
 echo "== compiled programs, $scale times the sizes of CI (seconds of kernel time)"
-mkdir -p "$out"
-"$here/../programs/run_programs.sh" "$quern" "$out" --scale "$scale" "${only[@]}" | tee "$out/table.txt"
+"$here/../programs/run_programs.sh" "$quern" . --scale "$scale" "${only[@]}" | tee table.txt
 # The median of the runs_ref column over every program build that ran.
-awk 'NR > 1 && $1 ~ /\// && $9 ~ /x$/ { print $9 + 0 }' "$out/table.txt" | sort -n |
+awk 'NR > 1 && $1 ~ /\// && $9 ~ /x$/ { print $9 + 0 }' table.txt | sort -n |
   awk '{ r[++n] = $1 } END { if (n) printf "median runs_ref over %d program builds: %.1fx\n", n,
                                            n % 2 ? r[(n + 1) / 2] : (r[n / 2] + r[n / 2 + 1]) / 2 }'

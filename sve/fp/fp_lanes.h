@@ -380,51 +380,32 @@ inline aarch64_decode_rc unary_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_re
 
 namespace fplanes {
 
-// One scalar instruction of the host, at single (%s) or double (%d) width.
-// Written as assembly so that the compiler neither fuses nor folds it.
+// One instruction of the host, at single or double width, on one lane or on
+// a 16-byte chunk of lanes. Written as assembly so that the compiler neither fuses nor folds it.
 #if defined(__aarch64__)
+#define QUERN_FP_ASM2(NAME, TY, TEXT)                                                     \
+  static TY NAME(TY a, TY b) {                                                            \
+    TY r;                                                                                 \
+    __asm__ volatile(TEXT : "=w"(r) : "w"(a), "w"(b));                                    \
+    return r;                                                                             \
+  }
+#define QUERN_FP_ASM1(NAME, TY, TEXT)                                                     \
+  static TY NAME(TY a) {                                                                  \
+    TY r;                                                                                 \
+    __asm__ volatile(TEXT : "=w"(r) : "w"(a));                                            \
+    return r;                                                                             \
+  }
+// host: one lane; vhost: a 16-byte chunk of lanes.
 #define QUERN_FP_HOST2(INSN)                                                              \
-  static float host(float a, float b) {                                                   \
-    float r;                                                                              \
-    __asm__ volatile(INSN " %s0, %s1, %s2" : "=w"(r) : "w"(a), "w"(b));                   \
-    return r;                                                                             \
-  }                                                                                       \
-  static double host(double a, double b) {                                                \
-    double r;                                                                             \
-    __asm__ volatile(INSN " %d0, %d1, %d2" : "=w"(r) : "w"(a), "w"(b));                   \
-    return r;                                                                             \
-  }                                                                                       \
-  static float32x4_t vhost(float32x4_t a, float32x4_t b) {                                \
-    float32x4_t r;                                                                        \
-    __asm__ volatile(INSN " %0.4s, %1.4s, %2.4s" : "=w"(r) : "w"(a), "w"(b));             \
-    return r;                                                                             \
-  }                                                                                       \
-  static float64x2_t vhost(float64x2_t a, float64x2_t b) {                                \
-    float64x2_t r;                                                                        \
-    __asm__ volatile(INSN " %0.2d, %1.2d, %2.2d" : "=w"(r) : "w"(a), "w"(b));             \
-    return r;                                                                             \
-  }
+  QUERN_FP_ASM2(host, float, INSN " %s0, %s1, %s2")                                       \
+  QUERN_FP_ASM2(host, double, INSN " %d0, %d1, %d2")                                      \
+  QUERN_FP_ASM2(vhost, float32x4_t, INSN " %0.4s, %1.4s, %2.4s")                          \
+  QUERN_FP_ASM2(vhost, float64x2_t, INSN " %0.2d, %1.2d, %2.2d")
 #define QUERN_FP_HOST1(INSN)                                                              \
-  static float host(float a) {                                                            \
-    float r;                                                                              \
-    __asm__ volatile(INSN " %s0, %s1" : "=w"(r) : "w"(a));                                \
-    return r;                                                                             \
-  }                                                                                       \
-  static double host(double a) {                                                          \
-    double r;                                                                             \
-    __asm__ volatile(INSN " %d0, %d1" : "=w"(r) : "w"(a));                                \
-    return r;                                                                             \
-  }                                                                                       \
-  static float32x4_t vhost(float32x4_t a) {                                               \
-    float32x4_t r;                                                                        \
-    __asm__ volatile(INSN " %0.4s, %1.4s" : "=w"(r) : "w"(a));                            \
-    return r;                                                                             \
-  }                                                                                       \
-  static float64x2_t vhost(float64x2_t a) {                                               \
-    float64x2_t r;                                                                        \
-    __asm__ volatile(INSN " %0.2d, %1.2d" : "=w"(r) : "w"(a));                            \
-    return r;                                                                             \
-  }
+  QUERN_FP_ASM1(host, float, INSN " %s0, %s1")                                            \
+  QUERN_FP_ASM1(host, double, INSN " %d0, %d1")                                           \
+  QUERN_FP_ASM1(vhost, float32x4_t, INSN " %0.4s, %1.4s")                                 \
+  QUERN_FP_ASM1(vhost, float64x2_t, INSN " %0.2d, %1.2d")
 #else
 // Never called off AArch64: the fast road computes through lib() there.
 #define QUERN_FP_HOST2(INSN)                                                              \
