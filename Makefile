@@ -7,7 +7,7 @@
 JOBS ?= 2
 CMAKE_FLAGS ?=
 
-.PHONY: programs demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench oracle fplib-check robust clean
+.PHONY: programs demo demo-build test setup native asan aarch64 test-native test-asan test-aarch64 bench speed-table oracle fplib-check robust clean
 
 setup:
 	@tools/setup.sh
@@ -61,6 +61,15 @@ demo: demo-build
 bench: native aarch64
 	build/native/bench/bench_decode
 	bench/run_emulated_add.sh build/native/tools/quern/quern build/aarch64/bench/emulated_add 1000000 $(BENCH_BEFORE)
+
+# The speed figures in one run: ns per emulated instruction on each road, ns
+# per word of a streaming loop's words, and every compiled program under quern
+# against the reference processor at SPEED_SCALE times the sizes of CI.
+# BENCH_BEFORE=DIR adds the one-word line of an older build's libraries.
+SPEED_SCALE ?= 20
+speed-table: native aarch64
+	bench/speed_table.sh build/native/tools/quern/quern build/aarch64 build/speed-programs \
+	  --scale $(SPEED_SCALE) $(if $(BENCH_BEFORE),--before $(BENCH_BEFORE))
 
 # The differential test, at length: every row, ORACLE_TRIALS trials each, a
 # fresh seed (or ORACLE_SEED=...). Report in build/aarch64/oracle-report.tsv.

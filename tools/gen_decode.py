@@ -368,7 +368,9 @@ def generate(maps, rows, print_only):
                 raise TableError(f'{r.line}: {r.road} given two signatures:\n  {decls[r.road]}\n  {decl}')
             call = f'{r.road}(cs{"".join(", " + a for a in args)})'
             if r.fp:
-                body = (f'  cs->encoding = w;\n  host_fpsr_write(cs->fpsr);\n'
+                # The host FPSR usually holds cpu_state's already (the park
+                # read it): an MRS and a compare cost less than an MSR.
+                body = (f'  cs->encoding = w;\n  if (host_fpsr_read() != cs->fpsr) host_fpsr_write(cs->fpsr);\n'
                         f'  aarch64_decode_rc rc = ::{call};\n  cs->fpsr = host_fpsr_read();\n  return rc;\n')
             else:
                 body = f'  cs->encoding = w;\n  return ::{call};\n'

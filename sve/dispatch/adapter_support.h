@@ -150,7 +150,20 @@ aarch64_decode_rc report_unimplemented(const cpu_state* cs, unsigned int word, c
 // The floating-point status of the fast handlers. On AArch64 these are the
 // host's FPSR. Elsewhere the fast handlers compute through the software library
 // and merge their flags into a per-thread word that stands in for it.
+// Inline on AArch64: each is one MRS or MSR around every floating-point word.
+#if defined(__aarch64__)
+inline uint32_t host_fpsr_read() {
+  uint64_t v;
+  __asm__ volatile("mrs %0, fpsr" : "=r"(v));
+  return static_cast<uint32_t>(v);
+}
+inline void host_fpsr_write(uint32_t value) {
+  const uint64_t v = value;
+  __asm__ volatile("msr fpsr, %0" : : "r"(v));
+}
+#else
 uint32_t host_fpsr_read();
 void host_fpsr_write(uint32_t value);
+#endif
 // For handlers on a host without the AArch64 FPSR: merge flags raised by the library.
 void host_fpsr_merge(uint32_t flags);

@@ -120,15 +120,6 @@ sve_handler_fn get_sve_handler(unsigned int word) {
 // ---- floating-point status of the fast handlers -----------------------------
 
 #if defined(__aarch64__)
-uint32_t host_fpsr_read() {
-  uint64_t v;
-  __asm__ volatile("mrs %0, fpsr" : "=r"(v));
-  return static_cast<uint32_t>(v);
-}
-void host_fpsr_write(uint32_t value) {
-  const uint64_t v = value;
-  __asm__ volatile("msr fpsr, %0" : : "r"(v));
-}
 void host_fpsr_merge(uint32_t flags) { host_fpsr_write((host_fpsr_read() | flags) & 0xF800009Fu); }
 #else
 namespace {

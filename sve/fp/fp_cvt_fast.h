@@ -86,10 +86,27 @@ inline aarch64_decode_rc compare(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg 
   const unsigned char* p = cs->p[pg.number];
   unsigned char out[kVecBytes] = {};
   soft_status st(cs);
-  for (unsigned i = 0; i < fast::lanes<T>; ++i) {
-    if (!fast::active<T>(p, i)) continue;
-    const T y = b ? fast::lane<T>(b, i) : T(0);
-    out[i * sizeof(T)] = lane(st, op, fast::lane<T>(a, i), y) ? 1 : 0;
+  using fplanes::fast_fp::kChunk;
+#pragma GCC unroll 3
+  for (unsigned c = 0; c < kVecBytes; c += kChunk) {
+#if defined(__aarch64__)
+    // A chunk of active lanes: one vector compare, whose all-ones lanes keep
+    // only the bit of their first byte.
+    if constexpr (Op::kVector) {
+      if (fplanes::fast_fp::chunk_active<T>(p + c)) {
+        using fplanes::fast_fp::vload;
+        const uint8x16_t one = vreinterpretq_u8_u64(vdupq_n_u64(sizeof(T) == 4 ? 0x0000000100000001ull : 1ull));
+        const auto y = b ? vload<T>(b + c) : fplanes::fast_fp::vec_t<T>{};
+        vst1q_u8(out + c, vandq_u8(Op::vhost(vload<T>(a + c), y), one));
+        continue;
+      }
+    }
+#endif
+    for (unsigned i = c / sizeof(T); i < (c + kChunk) / sizeof(T); ++i) {
+      if (!fast::active<T>(p, i)) continue;
+      const T y = b ? fast::lane<T>(b, i) : T(0);
+      out[i * sizeof(T)] = lane(st, op, fast::lane<T>(a, i), y) ? 1 : 0;
+    }
   }
   std::memcpy(cs->p[pd.number], out, kVecBytes);
   return AARCH64_DECODE_OK;

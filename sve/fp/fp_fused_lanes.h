@@ -26,6 +26,15 @@ struct op_fmadd {
     __asm__ volatile("fmadd %d0, %d1, %d2, %d3" : "=w"(r) : "w"(a), "w"(b), "w"(addend));
     return r;
   }
+  // FMLA: the accumulator is the addend, as FMADD's last operand.
+  static float32x4_t vhost(float32x4_t addend, float32x4_t a, float32x4_t b) {
+    __asm__ volatile("fmla %0.4s, %1.4s, %2.4s" : "+w"(addend) : "w"(a), "w"(b));
+    return addend;
+  }
+  static float64x2_t vhost(float64x2_t addend, float64x2_t a, float64x2_t b) {
+    __asm__ volatile("fmla %0.2d, %1.2d, %2.2d" : "+w"(addend) : "w"(a), "w"(b));
+    return addend;
+  }
 #endif
 };
 
@@ -54,5 +63,17 @@ template <typename T>
 constexpr T neg_if(bool b, T x) {
   return b ? neg(x) : x;
 }
+
+#if defined(__aarch64__)
+// The sign flip of a whole chunk, as an integer EOR: no floating-point
+// instruction, so nothing depends on FPCR (FNEG under AH would keep a NaN's sign).
+template <typename V>
+inline V vneg_if(bool b, V x) {
+  if (!b) return x;
+  const uint64x2_t sign = sizeof(x[0]) == 4 ? vdupq_n_u64(0x8000000080000000ull) : vdupq_n_u64(0x8000000000000000ull);
+  __asm__("eor %0.16b, %0.16b, %1.16b" : "+w"(x) : "w"(sign));
+  return x;
+}
+#endif
 
 }  // namespace fpx

@@ -5,8 +5,8 @@
 // merged into the context's status word. No host floating-point instruction.
 //
 // Fast road (`fast_fp::`): single and double only (size code 2 or 3). On an
-// AArch64 host each active lane is one scalar instruction of the host, whose
-// flags land in the host FPSR that the adapter exchanges with cpu_state. On
+// AArch64 host each active lane is one instruction of the host (a 16-byte
+// chunk of active lanes one vector instruction), whose flags land in the host FPSR that the adapter exchanges with cpu_state. On
 // any other host the lane goes through the library under the application's
 // FPCR, and the flags are merged into the stand-in FPSR (host_fpsr_merge), so
 // that both hosts leave the same results and the same flags.
@@ -27,6 +27,10 @@
 #include "sve/int/fast_lanes.h"
 #include "sve/int/vec_loop.h"
 #include "sve/lib/fp_lib.h"
+
+#if defined(__aarch64__)
+#include <arm_neon.h>
+#endif
 
 namespace fplanes {
 
@@ -233,16 +237,58 @@ template <class F> inline aarch64_decode_rc by_fp_size(int32_t size, F&& f) {
   return size == 3 ? f(D64{}) : f(F32{});
 }
 
-// The merging walk: active lanes get op(Zdn, second(i)), inactive ones keep Zdn.
-template <class T, class Op, class Second>
-inline aarch64_decode_rc merge_walk(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, Op op, Second second) {
+// ---- whole 16-byte chunks on the host's vector unit ----
+//
+// On an AArch64 host a chunk of 16 bytes whose lanes are all active is one
+// AdvSIMD instruction (4 singles or 2 doubles) rather than one scalar
+// instruction per lane. The vector instructions compute each lane as the
+// scalar ones do, under the same FPCR (rounding, FZ, DN, AH), and raise the
+// same cumulative flags in FPSR; an inactive lane is never computed, so a
+// chunk with any inactive lane goes lane by lane. Only a chunk of all-active
+// lanes takes the vector instruction.
+constexpr unsigned kChunk = 16;
+
+template <class T> constexpr unsigned chunk_lanes = kChunk / sizeof(T);
+
+template <class T>
+inline bool chunk_active(const unsigned char* pred) {
+  return fast::all_active<T, kChunk>(pred);
+}
+
+#if defined(__aarch64__)
+template <class T> struct host_vec;
+template <> struct host_vec<F32> { using type = float32x4_t; };
+template <> struct host_vec<D64> { using type = float64x2_t; };
+template <class T> using vec_t = typename host_vec<T>::type;
+
+template <class T> inline vec_t<T> vload(const unsigned char* p) {
+  vec_t<T> v;
+  std::memcpy(&v, p, kChunk);
+  return v;
+}
+template <class T> inline void vstore(unsigned char* p, vec_t<T> v) { std::memcpy(p, &v, kChunk); }
+#endif
+
+// The merging walk: active lanes get op(Zdn, Zm), inactive ones keep Zdn.
+// b is Zm, or the immediate in every lane.
+template <class T, class Op>
+inline aarch64_decode_rc merge_walk(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, Op op, const unsigned char* b) {
   const unsigned char* a = cs->z[zdn.number];
   const unsigned char* p = cs->p[pg.number];
   unsigned char out[kVecBytes];
   soft_status st(cs);
-  for (unsigned i = 0; i < lanes<T>; ++i) {
-    const T x = lane<T>(a, i);
-    set_lane<T>(out, i, active<T>(p, i) ? lane_op2<T>(op, x, second(i), st) : x);
+#pragma GCC unroll 3
+  for (unsigned c = 0; c < kVecBytes; c += kChunk) {
+#if defined(__aarch64__)
+    if (chunk_active<T>(p + c)) {
+      vstore<T>(out + c, Op::vhost(vload<T>(a + c), vload<T>(b + c)));
+      continue;
+    }
+#endif
+    for (unsigned i = c / sizeof(T); i < (c + kChunk) / sizeof(T); ++i) {
+      const T x = lane<T>(a, i);
+      set_lane<T>(out, i, active<T>(p, i) ? lane_op2<T>(op, x, lane<T>(b, i), st) : x);
+    }
   }
   std::memcpy(cs->z[zdn.number], out, kVecBytes);
   return AARCH64_DECODE_OK;
@@ -250,8 +296,7 @@ inline aarch64_decode_rc merge_walk(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_
 
 template <class T, class Op>
 inline aarch64_decode_rc zpz_t(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, aarch64_z_reg zm, Op op) {
-  const unsigned char* b = cs->z[zm.number];
-  return merge_walk<T>(cs, zdn, pg, op, [b](unsigned i) { return lane<T>(b, i); });
+  return merge_walk<T>(cs, zdn, pg, op, cs->z[zm.number]);
 }
 
 // Zdn = Pg ? op(Zdn, Zm) : Zdn
@@ -266,7 +311,14 @@ inline aarch64_decode_rc zzz_t(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn
   const unsigned char* b = cs->z[zm.number];
   unsigned char out[kVecBytes];
   soft_status st(cs);
+#if defined(__aarch64__)
+  (void)st;
+  (void)op;
+#pragma GCC unroll 3
+  for (unsigned c = 0; c < kVecBytes; c += kChunk) vstore<T>(out + c, Op::vhost(vload<T>(a + c), vload<T>(b + c)));
+#else
   for (unsigned i = 0; i < lanes<T>; ++i) set_lane<T>(out, i, lane_op2<T>(op, lane<T>(a, i), lane<T>(b, i), st));
+#endif
   std::memcpy(cs->z[zd.number], out, kVecBytes);
   return AARCH64_DECODE_OK;
 }
@@ -279,7 +331,9 @@ inline aarch64_decode_rc zzz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, 
 
 template <class T, class Op>
 inline aarch64_decode_rc zpi_t(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_reg pg, T imm, Op op) {
-  return merge_walk<T>(cs, zdn, pg, op, [imm](unsigned) { return imm; });
+  unsigned char b[kVecBytes];
+  for (unsigned i = 0; i < lanes<T>; ++i) set_lane<T>(b, i, imm);
+  return merge_walk<T>(cs, zdn, pg, op, b);
 }
 
 // Zdn = Pg ? op(Zdn, imm) : Zdn, the selector bit standing for a constant of kind k.
@@ -299,8 +353,17 @@ inline aarch64_decode_rc unary_zpz_t(cpu_state* cs, aarch64_z_reg zd, aarch64_p_
   const unsigned char* p = cs->p[pg.number];
   unsigned char out[kVecBytes];
   soft_status st(cs);
-  for (unsigned i = 0; i < lanes<T>; ++i)
-    set_lane<T>(out, i, active<T>(p, i) ? lane_op1<T>(op, lane<T>(a, i), st) : lane<T>(d, i));
+#pragma GCC unroll 3
+  for (unsigned c = 0; c < kVecBytes; c += kChunk) {
+#if defined(__aarch64__)
+    if (chunk_active<T>(p + c)) {
+      vstore<T>(out + c, Op::vhost(vload<T>(a + c)));
+      continue;
+    }
+#endif
+    for (unsigned i = c / sizeof(T); i < (c + kChunk) / sizeof(T); ++i)
+      set_lane<T>(out, i, active<T>(p, i) ? lane_op1<T>(op, lane<T>(a, i), st) : lane<T>(d, i));
+  }
   std::memcpy(cs->z[zd.number], out, kVecBytes);
   return AARCH64_DECODE_OK;
 }
@@ -317,31 +380,32 @@ inline aarch64_decode_rc unary_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_re
 
 namespace fplanes {
 
-// One scalar instruction of the host, at single (%s) or double (%d) width.
-// Written as assembly so that the compiler neither fuses nor folds it.
+// One instruction of the host, at single or double width, on one lane or on
+// a 16-byte chunk of lanes. Written as assembly so that the compiler neither fuses nor folds it.
 #if defined(__aarch64__)
+#define QUERN_FP_ASM2(NAME, TY, TEXT)                                                     \
+  static TY NAME(TY a, TY b) {                                                            \
+    TY r;                                                                                 \
+    __asm__ volatile(TEXT : "=w"(r) : "w"(a), "w"(b));                                    \
+    return r;                                                                             \
+  }
+#define QUERN_FP_ASM1(NAME, TY, TEXT)                                                     \
+  static TY NAME(TY a) {                                                                  \
+    TY r;                                                                                 \
+    __asm__ volatile(TEXT : "=w"(r) : "w"(a));                                            \
+    return r;                                                                             \
+  }
+// host: one lane; vhost: a 16-byte chunk of lanes.
 #define QUERN_FP_HOST2(INSN)                                                              \
-  static float host(float a, float b) {                                                   \
-    float r;                                                                              \
-    __asm__ volatile(INSN " %s0, %s1, %s2" : "=w"(r) : "w"(a), "w"(b));                   \
-    return r;                                                                             \
-  }                                                                                       \
-  static double host(double a, double b) {                                                \
-    double r;                                                                             \
-    __asm__ volatile(INSN " %d0, %d1, %d2" : "=w"(r) : "w"(a), "w"(b));                   \
-    return r;                                                                             \
-  }
+  QUERN_FP_ASM2(host, float, INSN " %s0, %s1, %s2")                                       \
+  QUERN_FP_ASM2(host, double, INSN " %d0, %d1, %d2")                                      \
+  QUERN_FP_ASM2(vhost, float32x4_t, INSN " %0.4s, %1.4s, %2.4s")                          \
+  QUERN_FP_ASM2(vhost, float64x2_t, INSN " %0.2d, %1.2d, %2.2d")
 #define QUERN_FP_HOST1(INSN)                                                              \
-  static float host(float a) {                                                            \
-    float r;                                                                              \
-    __asm__ volatile(INSN " %s0, %s1" : "=w"(r) : "w"(a));                                \
-    return r;                                                                             \
-  }                                                                                       \
-  static double host(double a) {                                                          \
-    double r;                                                                             \
-    __asm__ volatile(INSN " %d0, %d1" : "=w"(r) : "w"(a));                                \
-    return r;                                                                             \
-  }
+  QUERN_FP_ASM1(host, float, INSN " %s0, %s1")                                            \
+  QUERN_FP_ASM1(host, double, INSN " %d0, %d1")                                           \
+  QUERN_FP_ASM1(vhost, float32x4_t, INSN " %0.4s, %1.4s")                                 \
+  QUERN_FP_ASM1(vhost, float64x2_t, INSN " %0.2d, %1.2d")
 #else
 // Never called off AArch64: the fast road computes through lib() there.
 #define QUERN_FP_HOST2(INSN)                                                              \
@@ -379,6 +443,7 @@ struct op_sqrt {
 template <class Op> struct swapped {
   template <class T> static T lib(T a, T b, FPSCR& f) { return Op::template lib<T>(b, a, f); }
   template <class F> static F host(F a, F b) { return Op::host(b, a); }
+  template <class V> static V vhost(V a, V b) { return Op::vhost(b, a); }
 };
 
 }  // namespace fplanes

@@ -47,24 +47,39 @@ PredV cmp_v0(const PredV& p, const VecV& a, CpuContext* c, Rel rel) {
       __asm__ volatile(INSN " %d1, %d2\n\tcset %w0, " COND : "=r"(r) : "w"(a), "w"(b) : "cc");         \
     return r != 0;                                                                                      \
   }
+// The vector compares raise what the scalar ones do: FCMEQ only on a
+// signalling NaN, FCMGE and FCMGT on any NaN. There is no vector FCMUO.
+#define QUERN_HOST_VCMP(VINSN, INVERT, A, B)                                                             \
+  static constexpr bool kVector = VINSN[0] != 0;                                                         \
+  template <class V> static uint8x16_t vhost(V x, V y) {                                                 \
+    uint8x16_t r;                                                                                        \
+    if constexpr (sizeof(x[0]) == 4)                                                                     \
+      __asm__ volatile(VINSN " %0.4s, %1.4s, %2.4s" : "=w"(r) : "w"(A), "w"(B));                        \
+    else                                                                                                 \
+      __asm__ volatile(VINSN " %0.2d, %1.2d, %2.2d" : "=w"(r) : "w"(A), "w"(B));                        \
+    return INVERT ? vmvnq_u8(r) : r;                                                                     \
+  }
 #else
 #define QUERN_HOST_FCMP(INSN, COND, A, B)
+#define QUERN_HOST_VCMP(VINSN, INVERT, A, B) static constexpr bool kVector = false;
 #endif
 
-#define QUERN_FAST_REL(NAME, REL, INSN, COND, A, B)                                        \
+#define QUERN_FAST_REL(NAME, REL, INSN, COND, VINSN, INVERT, A, B)                         \
   struct NAME {                                                                            \
     QUERN_HOST_FCMP(INSN, COND, A, B)                                                      \
+    QUERN_HOST_VCMP(VINSN, INVERT, A, B)                                                   \
     template <class T> bool lib(T x, T y, FPSCR& s) const { return fpcmp::REL{}(x, y, s); } \
   };
-QUERN_FAST_REL(host_eq, eq, "fcmp", "eq", x, y)
-QUERN_FAST_REL(host_ne, ne, "fcmp", "ne", x, y)
-QUERN_FAST_REL(host_un, un, "fcmp", "vs", x, y)
-QUERN_FAST_REL(host_ge, ge, "fcmpe", "ge", x, y)
-QUERN_FAST_REL(host_gt, gt, "fcmpe", "gt", x, y)
-QUERN_FAST_REL(host_le, le, "fcmpe", "ge", y, x)
-QUERN_FAST_REL(host_lt, lt, "fcmpe", "gt", y, x)
+QUERN_FAST_REL(host_eq, eq, "fcmp", "eq", "fcmeq", false, x, y)
+QUERN_FAST_REL(host_ne, ne, "fcmp", "ne", "fcmeq", true, x, y)
+QUERN_FAST_REL(host_un, un, "fcmp", "vs", "", false, x, y)
+QUERN_FAST_REL(host_ge, ge, "fcmpe", "ge", "fcmge", false, x, y)
+QUERN_FAST_REL(host_gt, gt, "fcmpe", "gt", "fcmgt", false, x, y)
+QUERN_FAST_REL(host_le, le, "fcmpe", "ge", "fcmge", false, y, x)
+QUERN_FAST_REL(host_lt, lt, "fcmpe", "gt", "fcmgt", false, y, x)
 #undef QUERN_FAST_REL
 #undef QUERN_HOST_FCMP
+#undef QUERN_HOST_VCMP
 
 template <class Op>
 aarch64_decode_rc fast_cmp(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg, aarch64_z_reg zn, const unsigned char* b) {

@@ -176,11 +176,25 @@ aarch64_decode_rc fused_zpzz(const FusedForm& f, cpu_state* cs, aarch64_z_reg d,
   unsigned char out[kVecBytes];
   fpx::soft_status st(cs);
   const HostMulAdd ma{st};
-  for (unsigned i = 0; i < fast::lanes<T>; ++i) {
-    const T di = fast::lane<T>(dv, i);
-    fast::set_lane<T>(out, i,
-                      fast::active<T>(p, i) ? fused_lane<T>(f, di, fast::lane<T>(xv, i), fast::lane<T>(yv, i), ma)
-                                            : di);
+  using fplanes::fast_fp::kChunk;
+#pragma GCC unroll 3
+  for (unsigned c = 0; c < kVecBytes; c += kChunk) {
+#if defined(__aarch64__)
+    if (fplanes::fast_fp::chunk_active<T>(p + c)) {
+      using fplanes::fast_fp::vload;
+      const auto dc = vload<T>(dv + c), xc = vload<T>(xv + c), yc = vload<T>(yv + c);
+      const auto addend = fpx::vneg_if(f.neg_addend, f.mad ? yc : dc);
+      const auto f1 = fpx::vneg_if(f.neg_factor, f.mad ? dc : xc);
+      fplanes::fast_fp::vstore<T>(out + c, fpx::op_fmadd::vhost(addend, f1, f.mad ? xc : yc));
+      continue;
+    }
+#endif
+    for (unsigned i = c / sizeof(T); i < (c + kChunk) / sizeof(T); ++i) {
+      const T di = fast::lane<T>(dv, i);
+      fast::set_lane<T>(out, i,
+                        fast::active<T>(p, i) ? fused_lane<T>(f, di, fast::lane<T>(xv, i), fast::lane<T>(yv, i), ma)
+                                              : di);
+    }
   }
   std::memcpy(cs->z[d.number], out, kVecBytes);
   return AARCH64_DECODE_OK;

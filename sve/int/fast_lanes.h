@@ -30,6 +30,27 @@ inline bool active(const unsigned char* pred, unsigned i) {
   return pred[i * sizeof(T)] & 1u;
 }
 
+// True when every lane of E bytes is active in the first Bytes bytes of the
+// predicate (the whole register, or one 16-byte chunk): the common case of a
+// loop body, whose walk then needs no test per lane. Bit 0 of the first byte
+// of each lane, eight predicate bytes at a time, all words ANDed first so that
+// there is one test at the end.
+template <typename E, unsigned Bytes = kVecBytes>
+inline bool all_active(const unsigned char* pred) {
+  constexpr uint64_t kMask = sizeof(E) == 1   ? 0x0101010101010101ull
+                             : sizeof(E) == 2 ? 0x0001000100010001ull
+                             : sizeof(E) == 4 ? 0x0000000100000001ull
+                                              : 0x0000000000000001ull;
+  uint64_t all = ~uint64_t(0);
+#pragma GCC unroll 6
+  for (unsigned i = 0; i < Bytes; i += 8) {
+    uint64_t w;
+    std::memcpy(&w, pred + i, 8);
+    all &= w;
+  }
+  return (all & kMask) == kMask;
+}
+
 // Dispatch on an element-size code: 2, 3 and 1 select words, doublewords and
 // halfwords; any other code means bytes. `f` is called with a value of the
 // lane type: fast::by_size(size, [&](auto lane) { using T = decltype(lane); ... }).

@@ -68,24 +68,7 @@ inline uint64_t addr_index(const cpu_state* cs, aarch64_i_rsp_reg rn, aarch64_i_
 
 // ---- contiguous ---------------------------------------------------------------
 
-// True when every lane of E bytes is active: the common case of a loop body,
-// whose walk then needs no test per lane and compiles to a few wide moves.
-template <typename E>
-inline bool all_active(const unsigned char* pred) {
-  // Bit 0 of the first predicate byte of each lane, in one 64-bit word.
-  constexpr uint64_t kMask = sizeof(E) == 1   ? 0x0101010101010101ull
-                             : sizeof(E) == 2 ? 0x0001000100010001ull
-                             : sizeof(E) == 4 ? 0x0000000100000001ull
-                                              : 0x0000000000000001ull;
-  bool all = true;
-#pragma GCC unroll 6
-  for (unsigned i = 0; i < kVecBytes; i += 8) {
-    uint64_t w;
-    std::memcpy(&w, pred + i, 8);
-    all &= (w & kMask) == kMask;
-  }
-  return all;
-}
+using fast::all_active;
 
 // Inactive lanes become zero; the register is never merged.
 template <typename E, typename M>
