@@ -31,12 +31,17 @@
 // record whose count store has executed survives the process being killed,
 // SIGKILL included. Such a file keeps the zero tail of its last window, and a
 // slot reserved but not finished when the process died reads as count 0 in the
-// middle; readers skip both and report the holes.
+// middle; readers skip both and report the holes. The tail is never empty: the
+// writer of a window's last slot maps the next window before storing its count,
+// so even a program killed just after filling a window leaves unused slots.
 //
 // Closing. trace_mem brackets its work with a writers counter; sve_exit clears
 // the open flag, waits for the counter to drain (flag and counter are
 // sequentially consistent, so a writer that missed the flag is counted), then
-// msyncs, unmaps, truncates the file to the records written and closes it.
+// msyncs, unmaps, truncates the file to the records written and closes it. A
+// file that got no record is removed instead, unless the user named it
+// (QUERN_TRACE_FILE, in the process that was given it): a program that never
+// marks a region leaves nothing behind.
 // Calls after that find the flag clear and return. sve_init may open a new file
 // afterwards; a second sve_init while open keeps the open file.
 //
@@ -98,6 +103,7 @@ struct sink_state {
   uint64_t max_records;
   // Naming, kept for the child after fork.
   bool name_from_env;
+  bool keep_empty;  // the file's name is the user's own: keep it even without records
   char stem[kPathCap];
   char app_name[kTraceAppNameSize];
   char path[kPathCap + 32];
@@ -151,7 +157,8 @@ bool make_path(int pid, bool is_child) {
   size_t len = 0;
   sink.path[0] = '\0';
   bool ok = append(sink.path, sizeof sink.path, len, sink.stem);
-  if (sink.name_from_env && !is_child) return ok;
+  sink.keep_empty = sink.name_from_env && !is_child;
+  if (sink.keep_empty) return ok;
   ok = ok && append(sink.path, sizeof sink.path, len, ".") &&
        append_uint(sink.path, sizeof sink.path, len, static_cast<uint64_t>(pid));
   if (!sink.name_from_env) ok = ok && append(sink.path, sizeof sink.path, len, ".qtrace");
@@ -346,6 +353,10 @@ void put(const sve_mem_ref_t& ref) {
   body.pc = ref.pc;
   memcpy(p + sizeof body.count, reinterpret_cast<const char*>(&body) + sizeof body.count,
          sizeof body - sizeof body.count);
+  // The last slot of a window grows the file before its record counts: a
+  // file left by a killed program then always ends in unused slots, which is
+  // how readers tell it from one that sve_exit cut to its records.
+  if (slot % sink.slots_per_window == sink.slots_per_window - 1) window_for(slot / sink.slots_per_window + 1);
   __atomic_store_n(reinterpret_cast<uint64_t*>(p), ref.count, __ATOMIC_RELEASE);
 }
 
@@ -426,6 +437,12 @@ void sve_exit() {
     return;
   }
   unmap_all();
+  if (end == 0 && !sink.keep_empty && sink.dropped.load() == 0) {
+    close(sink.fd);
+    if (unlink(sink.path) != 0)
+      fprintf(stderr, "quern: cannot remove the empty trace file %s: %s\n", sink.path, strerror(errno));
+    return;
+  }
   if (ftruncate(sink.fd, static_cast<off_t>((end + kTraceHeaderSlots) * kTraceRecordSize)) != 0)
     fprintf(stderr, "quern: cannot truncate the trace file %s: %s\n", sink.path, strerror(errno));
   close(sink.fd);
