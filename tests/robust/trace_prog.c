@@ -74,6 +74,7 @@ static void* worker(void* arg) {
     START();
     one_pass(j->k, j->n);
     STOP();
+    if (!j->regions) usleep(20000); /* a tracer that waits for the others: leave them the processor */
   }
   one_pass(j->k, j->n);
   for (int i = 0; i < j->n; ++i)
