@@ -9,7 +9,9 @@
  *                                  each) has been created, run and joined
  *   trace_prog kill K N            one region of K records (the start marker,
  *                                  then K - 1 gathered lanes), then SIGKILL
- *   trace_prog plain N             gathers and scatters, no region at all
+ *   trace_prog plain N             gathers and scatters, no region at all,
+ *                                  and a forked child that ends at once, with
+ *                                  no exit handler run (as one that execs)
  *
  * Thread k uses table[k] and dest[k] only, and element i of a loop lies at
  * (i * 7 + k) % N: the trace's addresses tell the thread. The loops are fully
@@ -25,6 +27,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #define START() __asm__ volatile(".inst 0x2520e020" ::: "memory") /* ADD Z0.B, Z0.B, #1, LSL #8 */
@@ -112,6 +115,11 @@ int main(int argc, char** argv) {
     if (n < 1 || n > kMaxN) return usage();
     setup(0, n);
     one_pass(0, n);
+    fflush(stdout);
+    const pid_t child = fork();
+    if (child == 0) _exit(0);
+    int status = -1;
+    if (child < 0 || waitpid(child, &status, 0) != child || status != 0) return 4;
     printf("plain n %d\n", n);
     return 0;
   }

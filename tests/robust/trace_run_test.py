@@ -180,7 +180,8 @@ def check_no_file(quern, prog, work):
     if r.returncode != 0 or r.stderr:
         raise Failure("quern run: status %d, stderr: %s" % (r.returncode, r.stderr.strip()))
     if os.listdir(work):
-        raise Failure("files left in the working directory by an untraced program: %s" % os.listdir(work))
+        raise Failure("files left in the working directory by an untraced program and its child: %s"
+                      % os.listdir(work))
     # Named by the user, the file is there all the same, holding no record.
     trace = os.path.join(work, "named.qtrace")
     r = quern_run(quern, prog, ["plain", str(N)], work, trace)
