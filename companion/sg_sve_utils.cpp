@@ -51,9 +51,9 @@
 //
 // fork. The child of a traced process would otherwise write into the parent's
 // mapping. A pthread_atfork child handler unmaps the parent's windows and
-// leaves the sink pending on a fresh file named with the child's pid: <QUERN_TRACE_FILE>.<pid> when the
-// parent's name came from QUERN_TRACE_FILE, else <app>.<pid>.qtrace in the
-// directory of the parent's file. The handler uses async-signal-safe calls only,
+// leaves the sink pending on a fresh file named with the child's pid:
+// <QUERN_TRACE_FILE>.<pid> when the parent's name came from QUERN_TRACE_FILE,
+// else <app>.<pid>.qtrace in the directory of the parent's file. The handler uses async-signal-safe calls only,
 // as a child of a threaded process must, and signals stay blocked from before
 // the fork until it is done. The count carries on from the parent's.
 //
@@ -335,10 +335,10 @@ void reopen_in_child() {
   const int state = sink.open.load(std::memory_order_relaxed);
   if (state == kClosed) return;
   sink.open.store(kClosed);
-  if (state == kOpen) {
-    unmap_all();
-    close(sink.fd);
-  }
+  // Even a pending sink may have windows: another thread of the parent can
+  // have been making the file when this one forked.
+  unmap_all();
+  if (state == kOpen) close(sink.fd);
   // Only this thread goes on in the child: whatever others held is free.
   sink.writers.store(0, std::memory_order_relaxed);
   sink.grow_lock.store(0, std::memory_order_relaxed);
