@@ -38,8 +38,8 @@ def run(cmd, cwd, env=None, timeout=300):
     return subprocess.run(cmd, cwd=cwd, env=full_env, capture_output=True, text=True, timeout=timeout)
 
 
-def quern_run(quern, prog, args, cwd, trace=None, env=None):
-    cmd = [quern, "run"] + (["--trace", trace] if trace else []) + ["--", prog] + args
+def quern_run(quern, prog, args, cwd, trace=None, env=None, options=()):
+    cmd = [quern, "run"] + list(options) + (["--trace", trace] if trace else []) + ["--", prog] + args
     return run(cmd, cwd, env)
 
 
@@ -94,9 +94,9 @@ def check_positions(records):
             raise Failure("thread %d: its last instruction has no last record" % tid)
 
 
-def check_threads(quern, prog, args, work):
+def check_threads(quern, prog, args, work, options=()):
     trace = os.path.join(work, "t.qtrace")
-    r = quern_run(quern, prog, args, work, trace)
+    r = quern_run(quern, prog, args, work, trace, options=options)
     if r.returncode != 0 or r.stderr:
         raise Failure("quern run: status %d, stderr: %s" % (r.returncode, r.stderr.strip()[:2000]))
     threads = threads_of(r.stdout)
@@ -196,6 +196,8 @@ def check_no_file(quern, prog, work):
 CASES = {
     "threads64": lambda q, p, w: check_threads(q, p, ["threads", "64", "10", str(N)], w),
     "threads-churn": lambda q, p, w: check_threads(q, p, ["churn", "16", "4", str(N)], w),
+    # Emulated from the signal context: records written from a signal handler.
+    "threads64-fallback": lambda q, p, w: check_threads(q, p, ["threads", "64", "10", str(N)], w, ["--fallback"]),
     "kill-first-record": lambda q, p, w: check_kill(q, p, 1, w),
     "kill-mid-window": lambda q, p, w: check_kill(q, p, 300, w),
     "kill-window-full": lambda q, p, w: check_kill(q, p, FIRST_WINDOW_RECORDS, w),
