@@ -31,7 +31,9 @@
 // record whose count store has executed survives the process being killed,
 // SIGKILL included. Such a file keeps the zero tail of its last window, and a
 // slot reserved but not finished when the process died reads as count 0 in the
-// middle; readers skip both and report the holes.
+// middle; readers skip both and report the holes. The tail is never empty: the
+// writer of a window's last slot maps the next window before storing its count,
+// so even a program killed just after filling a window leaves unused slots.
 //
 // Closing. trace_mem brackets its work with a writers counter; sve_exit clears
 // the open flag, waits for the counter to drain (flag and counter are
@@ -40,11 +42,18 @@
 // Calls after that find the flag clear and return. sve_init may open a new file
 // afterwards; a second sve_init while open keeps the open file.
 //
+// No file without records. A file the user named (QUERN_TRACE_FILE, in the
+// process that was given it) is made by sve_init and always stays. Any other
+// is made by the first record (the sink is "pending" until then), so that a
+// program that never marks a region, or a forked child that only execs,
+// leaves nothing behind; and sve_exit removes such a file if it still holds
+// no record (its only records were never completed).
+//
 // fork. The child of a traced process would otherwise write into the parent's
-// mapping. A pthread_atfork child handler unmaps the parent's windows and opens
-// a fresh file named with the child's pid: <QUERN_TRACE_FILE>.<pid> when the
-// parent's name came from QUERN_TRACE_FILE, else <app>.<pid>.qtrace in the
-// directory of the parent's file. The handler uses async-signal-safe calls only,
+// mapping. A pthread_atfork child handler unmaps the parent's windows and
+// leaves the sink pending on a fresh file named with the child's pid:
+// <QUERN_TRACE_FILE>.<pid> when the parent's name came from QUERN_TRACE_FILE,
+// else <app>.<pid>.qtrace in the directory of the parent's file. The handler uses async-signal-safe calls only,
 // as a child of a threaded process must, and signals stay blocked from before
 // the fork until it is done. The count carries on from the parent's.
 //
@@ -80,9 +89,12 @@ constexpr uint64_t kMaxWindows = 16384;
 constexpr uint64_t kDefaultWindowBytes = uint64_t{4} << 20;
 constexpr uint64_t kMaxWindowBytes = uint64_t{1} << 30;
 constexpr size_t kPathCap = 4096;
+// The sink's states. A pending sink accepts records but has no file yet: the
+// first record makes it.
+constexpr int kClosed = 0, kPending = 2, kOpen = 1;
 
 struct sink_state {
-  std::atomic<int> open;            // 1 while records are accepted
+  std::atomic<int> open;            // kClosed, kPending or kOpen
   std::atomic<long> writers;        // trace_mem calls in progress
   std::atomic<uint64_t> next_slot;  // records reserved so far
   std::atomic<int> grow_lock;
@@ -92,12 +104,14 @@ struct sink_state {
   std::atomic<char*> window[kMaxWindows];
   uint64_t mapped_windows;  // under grow_lock
   int fd;
+  int pid;      // of the process the file is for
   bool wedged;  // sve_exit could not drain the writers
   uint64_t window_bytes;
   uint64_t slots_per_window;
   uint64_t max_records;
   // Naming, kept for the child after fork.
   bool name_from_env;
+  bool keep_empty;  // the file's name is the user's own: keep it even without records
   char stem[kPathCap];
   char app_name[kTraceAppNameSize];
   char path[kPathCap + 32];
@@ -151,7 +165,8 @@ bool make_path(int pid, bool is_child) {
   size_t len = 0;
   sink.path[0] = '\0';
   bool ok = append(sink.path, sizeof sink.path, len, sink.stem);
-  if (sink.name_from_env && !is_child) return ok;
+  sink.keep_empty = sink.name_from_env && !is_child;
+  if (sink.keep_empty) return ok;
   ok = ok && append(sink.path, sizeof sink.path, len, ".") &&
        append_uint(sink.path, sizeof sink.path, len, static_cast<uint64_t>(pid));
   if (!sink.name_from_env) ok = ok && append(sink.path, sizeof sink.path, len, ".qtrace");
@@ -230,7 +245,8 @@ void unmap_all() {
 }
 
 // Creates the file at sink.path, writes its header and maps the first window.
-// Async-signal-safe: also the fork child's way in. 0 or an errno value.
+// Async-signal-safe: also the way in of a first record and of the fork child.
+// 0 or an errno value. Leaves `open`, `writers` and `grow_lock` to the caller.
 int open_sink(int pid) {
   const int fd = open(sink.path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   if (fd < 0) return errno;
@@ -249,8 +265,6 @@ int open_sink(int pid) {
   }
   sink.fd = fd;
   sink.next_slot.store(0, std::memory_order_relaxed);
-  sink.writers.store(0, std::memory_order_relaxed);
-  sink.grow_lock.store(0, std::memory_order_relaxed);
   sink.grow_failed.store(0, std::memory_order_relaxed);
   sink.grow_errno.store(0, std::memory_order_relaxed);
   sink.dropped.store(0, std::memory_order_relaxed);
@@ -260,8 +274,46 @@ int open_sink(int pid) {
     close(fd);
     return err;
   }
-  sink.open.store(1);
   return 0;
+}
+
+// The first record of a sink whose file is not made yet (kPending) makes it:
+// one thread, with every signal blocked, under grow_lock, as for growth. The
+// state after: kOpen, or kClosed when the file cannot be made (said once) or
+// sve_exit came first.
+int open_pending() {
+  for (;;) {
+    const int state = sink.open.load();
+    if (state != kPending) return state;
+    if (sink.grow_lock.load(std::memory_order_relaxed) != 0) {
+      sched_yield();
+      continue;
+    }
+    const int saved_errno = errno;
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    int expected = 0;
+    if (sink.grow_lock.compare_exchange_strong(expected, 1, std::memory_order_acquire)) {
+      if (sink.open.load() == kPending) {
+        if (open_sink(sink.pid) != 0) {
+          sink.open.store(kClosed);
+          write_stderr("quern: cannot create the trace file ", sink.path, "; records are not traced\n");
+        } else {
+          int was = kPending;
+          if (!sink.open.compare_exchange_strong(was, kOpen)) {
+            // sve_exit closed the sink meanwhile: nothing was recorded.
+            unmap_all();
+            close(sink.fd);
+            unlink(sink.path);
+          }
+        }
+      }
+      sink.grow_lock.store(0, std::memory_order_release);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    errno = saved_errno;
+  }
 }
 
 // Signals stay blocked across fork, so that no handler in the child can trace
@@ -277,18 +329,25 @@ void before_fork() {
 
 void after_fork_in_parent() { pthread_sigmask(SIG_SETMASK, &t_mask_before_fork, nullptr); }
 
+// The child's file is made by its first record, like any default-named file:
+// a child that only execs another program leaves none.
 void reopen_in_child() {
-  if (sink.open.load(std::memory_order_relaxed) != 1) return;
-  sink.open.store(0);
+  const int state = sink.open.load(std::memory_order_relaxed);
+  if (state == kClosed) return;
+  sink.open.store(kClosed);
+  // Even a pending sink may have windows: another thread of the parent can
+  // have been making the file when this one forked.
   unmap_all();
-  close(sink.fd);
-  const int pid = static_cast<int>(getpid());
-  if (!make_path(pid, true)) {
+  if (state == kOpen) close(sink.fd);
+  // Only this thread goes on in the child: whatever others held is free.
+  sink.writers.store(0, std::memory_order_relaxed);
+  sink.grow_lock.store(0, std::memory_order_relaxed);
+  sink.pid = static_cast<int>(getpid());
+  if (!make_path(sink.pid, true)) {
     write_stderr("quern: trace file name too long in the forked child: ", sink.stem, "; the child is not traced\n");
     return;
   }
-  if (open_sink(pid) != 0)
-    write_stderr("quern: cannot create the trace file ", sink.path, " for a forked child; the child is not traced\n");
+  sink.open.store(kPending);
 }
 
 void after_fork_in_child() {
@@ -346,6 +405,10 @@ void put(const sve_mem_ref_t& ref) {
   body.pc = ref.pc;
   memcpy(p + sizeof body.count, reinterpret_cast<const char*>(&body) + sizeof body.count,
          sizeof body - sizeof body.count);
+  // The last slot of a window grows the file before its record counts: a
+  // file left by a killed program then always ends in unused slots, which is
+  // how readers tell it from one that sve_exit cut to its records.
+  if (slot % sink.slots_per_window == sink.slots_per_window - 1) window_for(slot / sink.slots_per_window + 1);
   __atomic_store_n(reinterpret_cast<uint64_t*>(p), ref.count, __ATOMIC_RELEASE);
 }
 
@@ -353,7 +416,7 @@ void put(const sve_mem_ref_t& ref) {
 
 bool sve_init(const char* options, const char* app_name) {
   (void)options;
-  if (sink.open.load() == 1) return true;
+  if (sink.open.load() != kClosed) return true;
   if (sink.wedged) {
     fprintf(stderr, "quern: the trace sink could not be closed cleanly before; not reopening it\n");
     return false;
@@ -383,21 +446,28 @@ bool sve_init(const char* options, const char* app_name) {
               : true) &&
          append(sink.stem, sizeof sink.stem, len, base);
   }
-  const int pid = static_cast<int>(getpid());
-  if (!ok || !make_path(pid, false)) {
+  sink.pid = static_cast<int>(getpid());
+  if (!ok || !make_path(sink.pid, false)) {
     fprintf(stderr, "quern: trace file name too long: %s\n", sink.name_from_env ? env : base);
     return false;
   }
   if (!g_atfork_registered.exchange(1)) pthread_atfork(before_fork, after_fork_in_parent, after_fork_in_child);
-  if (const int err = open_sink(pid)) {
+  sink.writers.store(0, std::memory_order_relaxed);
+  sink.grow_lock.store(0, std::memory_order_relaxed);
+  if (!sink.keep_empty) {
+    sink.open.store(kPending);
+    return true;
+  }
+  if (const int err = open_sink(sink.pid)) {
     fprintf(stderr, "quern: cannot create the trace file %s: %s\n", sink.path, strerror(err));
     return false;
   }
+  sink.open.store(kOpen);
   return true;
 }
 
 void sve_exit() {
-  if (sink.open.exchange(0) != 1) return;
+  if (sink.open.exchange(kClosed) != kOpen) return;
   // Wait for calls already past the flag; a writer only ever holds us up for
   // the length of a copy, or of one window's growth.
   for (int i = 0; i < 20000 && sink.writers.load() != 0; ++i) {
@@ -426,6 +496,12 @@ void sve_exit() {
     return;
   }
   unmap_all();
+  if (end == 0 && !sink.keep_empty && sink.dropped.load() == 0) {
+    close(sink.fd);
+    if (unlink(sink.path) != 0)
+      fprintf(stderr, "quern: cannot remove the empty trace file %s: %s\n", sink.path, strerror(errno));
+    return;
+  }
   if (ftruncate(sink.fd, static_cast<off_t>((end + kTraceHeaderSlots) * kTraceRecordSize)) != 0)
     fprintf(stderr, "quern: cannot truncate the trace file %s: %s\n", sink.path, strerror(errno));
   close(sink.fd);
@@ -433,7 +509,9 @@ void sve_exit() {
 
 void trace_mem(const sve_mem_ref_t& ref) {
   sink.writers.fetch_add(1);
-  if (sink.open.load() == 1) put(ref);
+  int state = sink.open.load();
+  if (state == kPending) state = open_pending();
+  if (state == kOpen) put(ref);
   sink.writers.fetch_sub(1, std::memory_order_release);
 }
 

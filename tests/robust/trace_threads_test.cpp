@@ -180,6 +180,10 @@ const writer_case kCases[] = {
     {"threads64_churn", 64, 2000, 0, true},
     {"kill_first_record", 1, 1000, 1, false},
     {"kill_single_thread", 1, 5000, 3001, false},
+    // Windows of 1536 slots, the first after the two of the header: killed
+    // with the first and the second window exactly full.
+    {"kill_window_full", 1, 5000, 1534, false},
+    {"kill_two_windows_full", 1, 5000, 1534 + 1536, false},
     {"kill_8_threads", 8, 5000, 17777, false},
     {"kill_64_threads", 64, 2000, 50001, false},
     {"kill_64_churn", 64, 2000, 90001, true},
