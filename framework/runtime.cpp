@@ -302,6 +302,7 @@ uint64_t cut_at_first_app(instrlist_t* il, uint64_t end) {
 }
 
 std::atomic<bool> fallback_logged{false};
+std::atomic<uint64_t> blocks_rewritten{0}, blocks_interpreted{0};
 
 // Passes run one at a time: a word that two threads hit for the first time at
 // once is rewritten by one of them, and the other finds the branch.
@@ -354,8 +355,10 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
     deliver_sigill(sig, info, ucv);
   } else if (!rt.force_fallback && place_code(il, pc, resume, t)) {
     pass_lock.clear(std::memory_order_release);
+    blocks_rewritten.fetch_add(1, std::memory_order_relaxed);
   } else {
     pass_lock.clear(std::memory_order_release);
+    blocks_interpreted.fetch_add(1, std::memory_order_relaxed);
     if (!fallback_logged.exchange(true))
       dr_log(t, DR_LOG_ALL, 1, "quern: emulating from the signal context (no rewritten code at %p)\n",
              reinterpret_cast<void*>(pc));
@@ -383,7 +386,13 @@ void* thread_start(void* p) {
   return a.fn(a.arg);
 }
 
+// The process whose exit the exit events announce: a vfork child that calls
+// _exit shares the parent's memory and must not run them.
+pid_t announcing_pid;
+std::atomic<bool> exit_announced{false};
+
 void process_exit() {
+  if (exit_announced.exchange(true) || getpid() != announcing_pid) return;
   if (quern_self) block_destroy(quern_self);
   for (int i = rt.n_exit - 1; i >= 0; --i) rt.exit[i]();
 }
@@ -423,7 +432,11 @@ __attribute__((constructor)) void framework_start() {
   pthread_atfork(nullptr, nullptr, [] {
     pass_lock.clear();
     patch_lock.clear();
+    blocks_rewritten = 0;
+    blocks_interpreted = 0;
+    announcing_pid = getpid();
   });
+  announcing_pid = getpid();
   rt.client_argv[0] = client;
   client_main(0, rt.client_argc, rt.client_argv);
 
@@ -455,6 +468,20 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
   return rc;
 }
 
+// A program that leaves through _exit (or _Exit) skips atexit: its exit
+// events run here instead, so that the client can finish what it reports.
+extern "C" __attribute__((visibility("default"), noreturn)) void _exit(int status) {
+  process_exit();
+  syscall(SYS_exit_group, status);
+  __builtin_unreachable();
+}
+
+extern "C" __attribute__((visibility("default"), noreturn)) void _Exit(int status) { _exit(status); }
+
 void* dr_get_current_drcontext() { return self_block(); }
+
+dr_block_counts_t dr_get_block_counts() {
+  return {blocks_rewritten.load(std::memory_order_relaxed), blocks_interpreted.load(std::memory_order_relaxed)};
+}
 
 quern_thread* current_block() { return quern_self; }
