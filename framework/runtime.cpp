@@ -50,6 +50,12 @@ namespace {
 
 void put_str(int fd, const char* s) { (void)!write(fd, s, strlen(s)); }
 
+// The framework's own way out when it cannot go on: no exit event runs.
+[[noreturn]] void exit_now(int status) {
+  syscall(SYS_exit_group, status);
+  __builtin_unreachable();
+}
+
 // ---- the thread block ------------------------------------------------------------------
 
 __thread quern_thread* quern_self __attribute__((tls_model("initial-exec")));
@@ -62,7 +68,7 @@ quern_thread* block_create() {
   void* m = mmap(nullptr, total, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (m == MAP_FAILED) {
     put_str(2, "quern: cannot allocate a thread block\n");
-    _exit(127);
+    exit_now(127);
   }
   quern_thread* t = static_cast<quern_thread*>(m);
   unsigned char* base = static_cast<unsigned char*>(m);
@@ -364,7 +370,7 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
              reinterpret_cast<void*>(pc));
     if (!run_fallback(il, resume, uc, t)) {
       put_str(2, "quern: cannot carry out the rewritten instruction\n");
-      _exit(127);
+      exit_now(127);
     }
   }
   errno = saved_errno;
@@ -392,7 +398,7 @@ pid_t announcing_pid;
 std::atomic<bool> exit_announced{false};
 
 void process_exit() {
-  if (exit_announced.exchange(true) || getpid() != announcing_pid) return;
+  if (getpid() != announcing_pid || exit_announced.exchange(true)) return;
   if (quern_self) block_destroy(quern_self);
   for (int i = rt.n_exit - 1; i >= 0; --i) rt.exit[i]();
 }
@@ -407,7 +413,7 @@ void die(const char* what, const char* detail) {
     put_str(2, detail);
   }
   put_str(2, "\n");
-  _exit(127);
+  exit_now(127);
 }
 
 __attribute__((constructor)) void framework_start() {
@@ -472,8 +478,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
 // events run here instead, so that the client can finish what it reports.
 extern "C" __attribute__((visibility("default"), noreturn)) void _exit(int status) {
   process_exit();
-  syscall(SYS_exit_group, status);
-  __builtin_unreachable();
+  exit_now(status);
 }
 
 extern "C" __attribute__((visibility("default"), noreturn)) void _Exit(int status) { _exit(status); }

@@ -49,6 +49,12 @@ struct mnemonic_count {
 
 bool stats_init(const char* destination) {
   if (!destination || !*destination) return false;
+  static_assert(sizeof kRowMnemonics / sizeof kRowMnemonics[0] == kDecodeRows, "a mnemonic for every row");
+  for (unsigned i = 0; i < kDecodeRows; ++i)
+    if (strcmp(kRowMnemonics[i].adapter, decode_rows[i].adapter) != 0) {
+      dr_fprintf(2, "quern: the mnemonics were generated for another decode table (row %u); rebuild\n", i);
+      return false;
+    }
   to_stderr = strcmp(destination, "-") == 0;
   snprintf(destination_path, sizeof destination_path, "%s", destination);
   return true;
@@ -98,8 +104,8 @@ void stats_report(const dr_block_counts_t& blocks) {
     by_road[road] += rows[i];
     total += rows[i];
     size_t k = 0;
-    while (k < n && !(lines[k].road == road && strcmp(lines[k].mnemonic, kRowMnemonics[i]) == 0)) ++k;
-    if (k == n) lines[n++] = {kRowMnemonics[i], road, 0};
+    while (k < n && !(lines[k].road == road && strcmp(lines[k].mnemonic, kRowMnemonics[i].mnemonic) == 0)) ++k;
+    if (k == n) lines[n++] = {kRowMnemonics[i].mnemonic, road, 0};
     lines[k].count += rows[i];
   }
   std::sort(lines, lines + n, [](const mnemonic_count& a, const mnemonic_count& b) {

@@ -34,12 +34,10 @@ const char kRunUsage[] =
     "  --fallback       emulate from the signal context only, never rewrite code\n"
     "  --runs           adjacent SVE words share one register park and one call (default)\n"
     "  --no-runs        one register park and one call per SVE word\n"
-    "  --stats          at exit, report the SVE instructions emulated (per mnemonic and\n"
-    "                   road), the blocks rewritten and interpreted, and the failed\n"
-    "                   emulations, on standard error (a program ended by a signal it\n"
-    "                   does not handle, SIGKILL included, gets no report)\n"
-    "  --stats-file FILE  the same report, written to FILE (each process of the\n"
-    "                   program appends its own)\n"
+    "  --stats          at exit, report the SVE instructions emulated (by mnemonic and\n"
+    "                   road), the blocks rewritten or interpreted and the failures\n"
+    "                   on standard error (none if a signal kills the program)\n"
+    "  --stats-file FILE  the same, into FILE (each process appends its report)\n"
     "environment: QUERN_LIBDIR (AArch64 libraries), QUERN_QEMU, QUERN_SYSROOT\n";
 
 int run_usage(const std::string& what) {
