@@ -393,8 +393,10 @@ void* thread_start(void* p) {
 }
 
 // The process whose exit the exit events announce: a vfork child that calls
-// _exit shares the parent's memory and must not run them.
-pid_t announcing_pid;
+// _exit shares the parent's memory and must not run them. A forked child
+// announces its own exit through exit(), not through _exit, by which a child
+// conventionally leaves without its parent's clean-up.
+pid_t announcing_pid, first_pid;
 std::atomic<bool> exit_announced{false};
 
 void process_exit() {
@@ -442,7 +444,7 @@ __attribute__((constructor)) void framework_start() {
     blocks_interpreted = 0;
     announcing_pid = getpid();
   });
-  announcing_pid = getpid();
+  announcing_pid = first_pid = getpid();
   rt.client_argv[0] = client;
   client_main(0, rt.client_argc, rt.client_argv);
 
@@ -477,7 +479,7 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
 // A program that leaves through _exit (or _Exit) skips atexit: its exit
 // events run here instead, so that the client can finish what it reports.
 extern "C" __attribute__((visibility("default"), noreturn)) void _exit(int status) {
-  process_exit();
+  if (getpid() == first_pid) process_exit();
   exit_now(status);
 }
 
