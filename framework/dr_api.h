@@ -208,6 +208,18 @@ void* dr_global_alloc(size_t size);
 constexpr size_t kMaxPreservedBytes = 4096;
 bool drmgr_preserve_tls_field(int idx, size_t size);
 
+// ---- what the framework did with the blocks it was given ----------------------------------------
+
+// Blocks whose rewritten code was placed (each once), and executions of
+// blocks that the interpreter carried out from the signal context instead
+// (no code could be placed near them, or the launcher asked for that).
+// Counted since the process started (since the fork, in a child).
+struct dr_block_counts_t {
+  uint64_t rewritten;
+  uint64_t interpreted;
+};
+dr_block_counts_t dr_get_block_counts();
+
 // ---- the version record that marks a client library ------------------------------------------------
 struct quern_dr_version_t {
   uint32_t magic;

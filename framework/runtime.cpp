@@ -50,6 +50,12 @@ namespace {
 
 void put_str(int fd, const char* s) { (void)!write(fd, s, strlen(s)); }
 
+// The framework's own way out when it cannot go on: no exit event runs.
+[[noreturn]] void exit_now(int status) {
+  syscall(SYS_exit_group, status);
+  __builtin_unreachable();
+}
+
 // ---- the thread block ------------------------------------------------------------------
 
 __thread quern_thread* quern_self __attribute__((tls_model("initial-exec")));
@@ -62,7 +68,7 @@ quern_thread* block_create() {
   void* m = mmap(nullptr, total, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (m == MAP_FAILED) {
     put_str(2, "quern: cannot allocate a thread block\n");
-    _exit(127);
+    exit_now(127);
   }
   quern_thread* t = static_cast<quern_thread*>(m);
   unsigned char* base = static_cast<unsigned char*>(m);
@@ -302,6 +308,7 @@ uint64_t cut_at_first_app(instrlist_t* il, uint64_t end) {
 }
 
 std::atomic<bool> fallback_logged{false};
+std::atomic<uint64_t> blocks_rewritten{0}, blocks_interpreted{0};
 
 // Passes run one at a time: a word that two threads hit for the first time at
 // once is rewritten by one of them, and the other finds the branch.
@@ -354,14 +361,16 @@ void on_sigill(int sig, siginfo_t* info, void* ucv) {
     deliver_sigill(sig, info, ucv);
   } else if (!rt.force_fallback && place_code(il, pc, resume, t)) {
     pass_lock.clear(std::memory_order_release);
+    blocks_rewritten.fetch_add(1, std::memory_order_relaxed);
   } else {
     pass_lock.clear(std::memory_order_release);
+    blocks_interpreted.fetch_add(1, std::memory_order_relaxed);
     if (!fallback_logged.exchange(true))
       dr_log(t, DR_LOG_ALL, 1, "quern: emulating from the signal context (no rewritten code at %p)\n",
              reinterpret_cast<void*>(pc));
     if (!run_fallback(il, resume, uc, t)) {
       put_str(2, "quern: cannot carry out the rewritten instruction\n");
-      _exit(127);
+      exit_now(127);
     }
   }
   errno = saved_errno;
@@ -383,7 +392,15 @@ void* thread_start(void* p) {
   return a.fn(a.arg);
 }
 
+// The process whose exit the exit events announce: a vfork child that calls
+// _exit shares the parent's memory and must not run them. A forked child
+// announces its own exit through exit(), not through _exit, by which a child
+// conventionally leaves without its parent's clean-up.
+pid_t announcing_pid, first_pid;
+std::atomic<bool> exit_announced{false};
+
 void process_exit() {
+  if (getpid() != announcing_pid || exit_announced.exchange(true)) return;
   if (quern_self) block_destroy(quern_self);
   for (int i = rt.n_exit - 1; i >= 0; --i) rt.exit[i]();
 }
@@ -398,7 +415,7 @@ void die(const char* what, const char* detail) {
     put_str(2, detail);
   }
   put_str(2, "\n");
-  _exit(127);
+  exit_now(127);
 }
 
 __attribute__((constructor)) void framework_start() {
@@ -423,7 +440,11 @@ __attribute__((constructor)) void framework_start() {
   pthread_atfork(nullptr, nullptr, [] {
     pass_lock.clear();
     patch_lock.clear();
+    blocks_rewritten = 0;
+    blocks_interpreted = 0;
+    announcing_pid = getpid();
   });
+  announcing_pid = first_pid = getpid();
   rt.client_argv[0] = client;
   client_main(0, rt.client_argc, rt.client_argv);
 
@@ -455,6 +476,19 @@ extern "C" __attribute__((visibility("default"))) int pthread_create(pthread_t* 
   return rc;
 }
 
+// A program that leaves through _exit (or _Exit) skips atexit: its exit
+// events run here instead, so that the client can finish what it reports.
+extern "C" __attribute__((visibility("default"), noreturn)) void _exit(int status) {
+  if (getpid() == first_pid) process_exit();
+  exit_now(status);
+}
+
+extern "C" __attribute__((visibility("default"), noreturn)) void _Exit(int status) { _exit(status); }
+
 void* dr_get_current_drcontext() { return self_block(); }
+
+dr_block_counts_t dr_get_block_counts() {
+  return {blocks_rewritten.load(std::memory_order_relaxed), blocks_interpreted.load(std::memory_order_relaxed)};
+}
 
 quern_thread* current_block() { return quern_self; }

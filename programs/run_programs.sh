@@ -3,7 +3,9 @@
 # and -O2 -fno-vect-cost-model) and without SVE (NEON, -O3), runs it on the
 # reference processor (qemu with SVE at 384 bits), under `quern run` on a
 # processor without SVE (one word per call, and with --runs), and the NEON
-# build on qemu without SVE, and prints one line per program and build.
+# build on qemu without SVE, and prints one line per program and build, with
+# the SVE instructions that it emulated most under it (the --stats report of
+# the one-word-per-call run, kept in OUTDIR as NAME_BUILD.stats).
 #
 #   run_programs.sh QUERN OUTDIR [--small | --scale K] [--check LIST] [PROGRAM...]
 #
@@ -103,6 +105,13 @@ run_one() {
   [ -n "$sum" ] || sum="(status $rc)"
   [ -n "$secs" ] || secs=-
 }
+# The total and the five mnemonics most emulated, from a --stats report.
+top_mnemonics() {
+  [ -s "$1" ] || return 0
+  awk '/SVE instructions emulated/ && !total {total = $4}
+       $2 ~ /%$/ && n < 5 {top = top sprintf("%s%s %s", n ? ", " : "", $3, $2); ++n}
+       END {if (total) printf "    %s SVE words: %s\n", total, top}' "$1"
+}
 ratio() { awk -v a="$1" -v b="$2" 'BEGIN { if (a == "-" || b == "-" || b <= 0) print "-"; else printf "%.1fx", a / b }'; }
 
 fails=0
@@ -136,7 +145,8 @@ for entry in "${programs[@]}"; do
     fi
     run_one "${name}_$tag.ref" "$qemu" -cpu max,sve-max-vq=3 -L "$sysroot" "$bin" "${args[@]}"
     ref_sum=$sum ref_secs=$secs ref_rc=$rc
-    run_one "${name}_$tag.quern" "$quern" run --no-runs -- "$bin" "${args[@]}"
+    stats=$out/${name}_$tag.stats
+    run_one "${name}_$tag.quern" "$quern" run --no-runs --stats-file "$stats" -- "$bin" "${args[@]}"
     q_sum=$sum q_secs=$secs
     run_one "${name}_$tag.runs" "$quern" run --runs -- "$bin" "${args[@]}"
     r_sum=$sum r_secs=$secs
@@ -145,6 +155,7 @@ for entry in "${programs[@]}"; do
     [ "$ref_rc" -eq 0 ] && [ "$r_sum" = "$ref_sum" ] && runs=yes
     printf '%-18s %-6s %-6s %9s %9s %9s %9s %8s %8s %8s\n' "$label" $same $runs "$q_secs" "$r_secs" "$ref_secs" \
       "$neon_secs" "$(ratio "$q_secs" "$ref_secs")" "$(ratio "$r_secs" "$ref_secs")" "$(ratio "$q_secs" "$neon_secs")"
+    top_mnemonics "$stats"
     if [ $same = no ] || [ $runs = no ]; then
       [ "$ref_rc" -ne 0 ] && echo "    reference: status $ref_rc: $(head -c 300 "$out/${name}_$tag.ref.err")"
       [ $same = no ] && echo "    quern: $q_sum, reference: $ref_sum; $(grep -m2 -v '^kernel time' "$out/${name}_$tag.quern.err" | tr '\n' ' ')"

@@ -17,6 +17,13 @@
 // emulate_run, which carries them out in order, and one reload; and the park
 // takes only the registers that the run's words touch (the decode table says
 // which), besides those the call may clobber.
+//
+// With quern run --stats, the blocks call counted versions of the same two
+// functions, which also count each word under its decode row (its row index
+// rides in the upper half of the word's constant); without it, the code is
+// the same as if counting did not exist.
+#include <pthread.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -28,6 +35,7 @@
 #include "framework/droption.h"
 #include "sve/dispatch/cpu_state.h"
 #include "sve/dispatch/decode.h"
+#include "sve/client/sve_stats.h"
 #include "sve/memory/sve_mem_ref.h"
 
 extern "C" {
@@ -58,17 +66,29 @@ void usage_error(const std::string& msg) {
 
 // ---- threads --------------------------------------------------------------------------
 
+// Whether words are counted (quern run --stats).
+bool stats_on;
+
+// With counting on, the thread's counter block is named right after its
+// cpu_state, where the counted calls find it.
+constexpr size_t kStateBytes = sizeof(cpu_state) + sizeof(thread_stats*);
+thread_stats*& stats_of(cpu_state* cs) {
+  return *reinterpret_cast<thread_stats**>(reinterpret_cast<unsigned char*>(cs) + sizeof(cpu_state));
+}
+
 void event_thread_init(void* drcontext) {
   // Not cleared: P, FFR, FPCR and the upper Z bytes hold whatever the
   // allocator gave until the application writes them.
-  void* state = dr_thread_alloc(drcontext, sizeof(cpu_state));
+  void* state = dr_thread_alloc(drcontext, kStateBytes);
   if (!drmgr_set_tls_field(drcontext, tls_idx, state)) CLIENT_ASSERT(false);
+  if (stats_on) stats_of(static_cast<cpu_state*>(state)) = stats_thread_start();
 }
 
 void event_thread_exit(void* drcontext) {
   void* data = drmgr_get_tls_field(drcontext, tls_idx);
   CLIENT_ASSERT(data != __null);
-  dr_thread_free(drcontext, data, sizeof(cpu_state));
+  if (stats_on) stats_thread_end(stats_of(static_cast<cpu_state*>(data)));
+  dr_thread_free(drcontext, data, kStateBytes);
 }
 
 // ---- the emulation call ------------------------------------------------------------------
@@ -76,10 +96,15 @@ void event_thread_exit(void* drcontext) {
 // The rewritten block has parked every register in `cs` (X26 to X28
 // included) and reloads them all afterwards; the word, its address and its
 // adapter are constants of the block, and the adapter's operation is known
-// to have landed (or the adapter is the one that says it has not).
-void emulate_instruction(cpu_state* cs, unsigned int word, unsigned char* pc, sve_handler_fn handler) {
+// to have landed (or the adapter is the one that says it has not). Counted,
+// the word's constant carries its decode row above bit 32.
+template <bool kCounted>
+void emulate_instruction(cpu_state* cs, uint64_t word, unsigned char* pc, sve_handler_fn handler) {
+  thread_stats* stats = kCounted ? stats_of(cs) : nullptr;
+  if (kCounted && stats) ++stats->rows[word >> 32];
   cs->pc = pc;
-  if (handler(cs, word) != AARCH64_DECODE_OK) {
+  if (handler(cs, static_cast<unsigned int>(word)) != AARCH64_DECODE_OK) {
+    if (kCounted && stats) ++stats->failed;
     // The word as it stands in memory now, not the one the block was built from.
     fprintf(stderr, "Error: failed to emulate SVE instruction 0x%08x at PC %p\n",
             *reinterpret_cast<volatile unsigned int*>(pc), static_cast<void*>(pc));
@@ -95,9 +120,9 @@ struct run_word {
 
 // A run of adjacent words, parked and reloaded once: each word in order, each
 // with its own pc, so that a fault or a message names the right instruction.
+template <bool kCounted>
 void emulate_run(cpu_state* cs, const run_word* words, uint64_t n) {
-  for (uint64_t i = 0; i < n; ++i)
-    emulate_instruction(cs, static_cast<unsigned int>(words[i].word), words[i].pc, words[i].handler);
+  for (uint64_t i = 0; i < n; ++i) emulate_instruction<kCounted>(cs, words[i].word, words[i].pc, words[i].handler);
 }
 
 // ---- the block pass --------------------------------------------------------------------------
@@ -263,17 +288,24 @@ void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, in
   drmgr_insert_emulation_start(dc, bb, where, &emulated);
 
   sequence seq{dc, bb, where, pc};
+  // The word's constant, with its row when counted.
+  auto word_constant = [](const sve_word& w) {
+    return stats_on ? w.word | static_cast<uint64_t>(w.row - decode_rows) << 32 : uint64_t{w.word};
+  };
   if (!table) {
     seq.park(nullptr);
-    seq.call(nullptr, reinterpret_cast<void*>(&emulate_instruction), imm(words[0].word), imm(pc),
-             imm(words[0].entry));
+    void* callee = stats_on ? reinterpret_cast<void*>(&emulate_instruction<true>)
+                            : reinterpret_cast<void*>(&emulate_instruction<false>);
+    seq.call(nullptr, callee, imm(word_constant(words[0])), imm(pc), imm(words[0].entry));
     seq.reload(nullptr);
   } else {
     register_use use{};
     for (int i = 0; i < n; ++i) add_register_use(*words[i].row, words[i].word, use);
-    for (int i = 0; i < n; ++i) table[i] = {words[i].pc, words[i].entry, words[i].word};
+    for (int i = 0; i < n; ++i) table[i] = {words[i].pc, words[i].entry, word_constant(words[i])};
     seq.park(&use);
-    seq.call(&use, reinterpret_cast<void*>(&emulate_run), imm(table), imm(n));
+    void* callee =
+        stats_on ? reinterpret_cast<void*>(&emulate_run<true>) : reinterpret_cast<void*>(&emulate_run<false>);
+    seq.call(&use, callee, imm(table), imm(n));
     seq.reload(&use);
   }
   drmgr_insert_emulation_end(dc, bb, where);
@@ -343,6 +375,7 @@ dr_emit_flags_t event_instruction_change(void* drcontext, void* tag, instrlist_t
 
 void event_exit() {
   dr_log(nullptr, DR_LOG_ALL, 1, "SVE client exiting\n");
+  if (stats_on) stats_report(dr_get_block_counts());
   sve_exit();
   if (!drmgr_unregister_bb_app2app_event(event_instruction_change) || drreg_exit() != DRREG_SUCCESS)
     CLIENT_ASSERT(false);
@@ -372,6 +405,12 @@ void dr_client_main(client_id_t id, int argc, const char* argv[]) {
   // signal handler of the program must find it as it was.
   if (!drmgr_preserve_tls_field(tls_idx, sizeof(cpu_state))) CLIENT_ASSERT(false);
   if (!sve_init(nullptr, dr_get_application_name())) CLIENT_ASSERT(false);
+  stats_on = stats_init(getenv("QUERN_STATS"));
+  if (stats_on)
+    pthread_atfork(nullptr, nullptr, [] {
+      void* state = drmgr_get_tls_field(dr_get_current_drcontext(), tls_idx);
+      stats_after_fork(state ? stats_of(static_cast<cpu_state*>(state)) : nullptr);
+    });
   const char* runs = getenv("QUERN_RUNS");
   runs_enabled = runs != nullptr && runs[0] == '1';
   dr_log(nullptr, DR_LOG_ALL, 1, "SVE client initializing\n");

@@ -26,6 +26,7 @@ cases=(
   signals-blocked signals-blocked-fallback signals-handler signals-reentry
   mem-fault-contiguous mem-fault-gather mem-fault-ldff-first mem-ldff-contained mem-inactive
   mem-arrays mem-aos mem-strlen mem-gather vla-loop
+  stats stats-file stats-fallback
 )
 
 if [ "${1:-}" = --list ]; then
@@ -487,6 +488,45 @@ case_signals-blocked() { signals_case blocked; }
 case_signals-blocked-fallback() { signals_case blocked --fallback; }
 case_signals-handler() { signals_case handler; }
 case_signals-reentry() { signals_case reentry; }
+
+# quern run --stats counts e2e_stats's words exactly: a thread that ended
+# early and one still running at the exit are in the report too, however the
+# program leaves, whichever road carried the words out.
+stats_case() {
+  local form=$1 how=$2 turns=$3; shift 3
+  need stats || return 1
+  local report=$dir/report opts=(--stats)
+  [ "$form" = file ] && opts=(--stats-file "$report")
+  on_quern quern "${opts[@]}" "$@" -- "$p" "$turns" "$how"
+  [ "$form" = stderr ] && report=$err
+  local n=$((3 * turns)) placed=some interpreted=none
+  for o in "$@"; do [ "$o" = --fallback ] && placed=none interpreted=some; done
+  local want got
+  want=$(printf '%s\n' "emulated $((3 * n + 3)) (fast $((n + 3)), generic $n, no-op $n)" "failed 0" \
+    "rewritten $placed" "interpreted $interpreted" "add fast $n" "ptrue fast 3" "uqincw generic $n" \
+    "prfb no-op $n" "reports 1" | sort)
+  got=$(awk '/^quern stats: e2e_stats/ {++reports}
+    /SVE instructions emulated/ {print "emulated", $4, $5, $6, $7, $8, $9, $10}
+    /emulations failed/ {print "failed", $3}
+    /blocks (rewritten|interpreted)/ {print $2, ($3 > 0 ? "some" : "none")}
+    $2 ~ /%$/ {print $3, $4, $1}
+    END {print "reports", reports + 0}' "$report" 2>/dev/null | sort)
+  if [ "$status" -ne 0 ] || [ "$(cat "$out")" != "$((12 * turns))" ]; then
+    fail_reason="under quern: status $(describe_status "$status"), want 0 and the output $((12 * turns))"
+  elif [ "$got" != "$want" ]; then
+    fail_reason="the --stats report differs (< want, > got)"
+    details+=$(diff <(echo "$want") <(echo "$got"))$'\n'
+  elif [ "$form" = file ] && grep -q 'quern stats' "$err"; then
+    fail_reason="--stats-file: the report is on standard error too"
+  else
+    return 0
+  fi
+  detail "$out" "$err"
+  return 1
+}
+case_stats() { stats_case stderr exit 1000; }
+case_stats-file() { stats_case file _exit 1000; }
+case_stats-fallback() { stats_case file exit 50 --fallback; }
 
 # ---- driver ---------------------------------------------------------------------------
 

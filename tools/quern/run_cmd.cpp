@@ -7,6 +7,7 @@
 // status and signals are the launcher's.
 #include "tools/quern/run_cmd.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -34,6 +35,10 @@ const char kRunUsage[] =
     "  --fallback       emulate from the signal context only, never rewrite code\n"
     "  --runs           adjacent SVE words share one register park and one call (default)\n"
     "  --no-runs        one register park and one call per SVE word\n"
+    "  --stats          at exit, report the SVE instructions emulated (by mnemonic and\n"
+    "                   road), the blocks rewritten or interpreted and the failures\n"
+    "                   on standard error (none if a signal kills the program)\n"
+    "  --stats-file FILE  the same, into FILE (each process appends its report)\n"
     "environment: QUERN_LIBDIR (AArch64 libraries), QUERN_QEMU, QUERN_SYSROOT\n";
 
 int run_usage(const std::string& what) {
@@ -103,7 +108,7 @@ std::string library_dir() {
 }  // namespace
 
 int run_main(int argc, char** argv) {
-  std::string log_level, log_file, trace_file;
+  std::string log_level, log_file, trace_file, stats;
   bool fallback = false, runs = true;
   std::vector<std::string> client_options;
   int i = 1;
@@ -122,6 +127,10 @@ int run_main(int argc, char** argv) {
       if (!value(log_file)) return run_usage("--log takes a file name");
     } else if (a == "--trace") {
       if (!value(trace_file)) return run_usage("--trace takes a file name");
+    } else if (a == "--stats") {
+      stats = "-";
+    } else if (a == "--stats-file") {
+      if (!value(stats)) return run_usage("--stats-file takes a file name");
     } else if (a == "--fallback") {
       fallback = true;
     } else if (a == "--runs") {
@@ -157,6 +166,23 @@ int run_main(int argc, char** argv) {
     return 127;
   }
 
+  // The report file is made empty now, and named absolutely, so that a
+  // program that changes directory still appends to it, and a bad name fails
+  // before the program starts.
+  if (!stats.empty() && stats != "-") {
+    const int fd = open(stats.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) {
+      fprintf(stderr, "quern: %s: %s\n", stats.c_str(), strerror(errno));
+      return 2;
+    }
+    close(fd);
+    if (stats[0] != '/') {
+      char* dir = getcwd(nullptr, 0);
+      if (dir) stats = std::string(dir) + "/" + stats;
+      free(dir);
+    }
+  }
+
   std::string options;
   for (const std::string& o : client_options) options += (options.empty() ? "" : "\x1f") + o;
   setenv("QUERN_CLIENT", client.c_str(), 1);
@@ -165,6 +191,8 @@ int run_main(int argc, char** argv) {
   if (!log_file.empty()) setenv("QUERN_LOG_FILE", log_file.c_str(), 1);
   if (!trace_file.empty()) setenv("QUERN_TRACE_FILE", trace_file.c_str(), 1);
   if (fallback) setenv("QUERN_FALLBACK", "1", 1);
+  if (!stats.empty()) setenv("QUERN_STATS", stats.c_str(), 1);
+  else unsetenv("QUERN_STATS");
   setenv("QUERN_RUNS", runs ? "1" : "0", 1);
 
   std::vector<const char*> args;
