@@ -224,4 +224,27 @@ TEST(Int2Corners, NoActiveLane) {
   }
 }
 
+// CTERM sets N and V itself; Z and C pass through. The 32-bit form compares
+// only the low words: random registers almost never have equal low words and
+// different high ones, so the differential test misses a 64-bit compare.
+TEST(Int2Corners, CtermFlags) {
+  constexpr uint64_t N = 1ull << 31, Z = 1ull << 30, C = 1ull << 29, V = 1ull << 28;
+  const struct { const char* what; uint32_t word; uint64_t x0, x1, in, out; } cases[] = {
+      {"eq w, equal low words", 0x25a12000, 0x100000005, 5, V, N},
+      {"eq w, different, C set", 0x25a12000, 1, 2, C | Z | N, C | Z},
+      {"eq w, different, C clear", 0x25a12000, 1, 2, N, V},
+      {"ne x, different high words", 0x25e12010, 0x100000005, 5, Z, Z | N},
+      {"ne x, equal, C clear", 0x25e12010, 7, 7, N | Z, Z | V},
+      {"ne x, equal, C set", 0x25e12010, 7, 7, N | C | V, C},
+  };
+  for (const auto& c : cases) {
+    cpu_state s = base_state();
+    s.x[0] = c.x0;
+    s.x[1] = c.x1;
+    s.nzcv = c.in;
+    ASSERT_EQ(run_word(s, c.word), AARCH64_DECODE_OK);
+    EXPECT_EQ(s.nzcv, c.out) << c.what;
+  }
+}
+
 }  // namespace
