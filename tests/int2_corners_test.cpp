@@ -224,41 +224,9 @@ TEST(Int2Corners, NoActiveLane) {
   }
 }
 
-// The "after" forms wrap at the true lane count; the vector forms broadcast,
-// and keep Zdn when no lane is active.
-TEST(Int2Corners, LastAfterWrapsAndVectorForms) {
-  const struct { uint32_t word; int active_lane; uint64_t want; } lasts[] = {
-      {0x05a0a020, 11, 0},    // lasta w0, .s: lane 11 active -> lane 0
-      {0x05a0a020, 10, 11},   // lane 10 active -> lane 11
-      {0x05a1a020, 10, 10},   // lastb -> lane 10
-  };
-  for (const auto& l : lasts) {
-    cpu_state s = base_state();
-    fill_pred(s.p[0], 0);
-    s.p[0][4 * l.active_lane] = 1;
-    for (unsigned i = 0; i < 12; ++i) { const uint32_t v = i; std::memcpy(s.z[1] + 4 * i, &v, 4); }
-    ASSERT_EQ(run_word(s, l.word), AARCH64_DECODE_OK);
-    EXPECT_EQ(s.x[0], l.want) << "active lane " << l.active_lane;
-  }
-
-  cpu_state s = base_state();
-  fill_pred(s.p[0], 0);
-  s.p[0][4 * 3] = 1;
-  for (unsigned i = 0; i < 12; ++i) { const uint32_t v = 100 + i; std::memcpy(s.z[1] + 4 * i, &v, 4); }
-  ASSERT_EQ(run_word(s, 0x05a88020), AARCH64_DECODE_OK);   // clasta z0.s, p0, z0.s, z1.s
-  for (unsigned i = 0; i < 12; ++i) EXPECT_EQ(lane(s.z[0], 2, i), 104u);
-
-  for (uint32_t word : {0x05a88020u, 0x05e98020u}) {       // clasta .s, clastb .d, none active
-    cpu_state t = base_state();
-    fill_pred(t.p[0], 0);
-    const cpu_state before = t;
-    ASSERT_EQ(run_word(t, word), AARCH64_DECODE_OK);
-    EXPECT_EQ(0, std::memcmp(t.z[0], before.z[0], 48)) << std::hex << word;
-  }
-}
-
 // CTERM sets N and V itself; Z and C pass through. The 32-bit form compares
-// only the low words.
+// only the low words: random registers almost never have equal low words and
+// different high ones, so the differential test misses a 64-bit compare.
 TEST(Int2Corners, CtermFlags) {
   constexpr uint64_t N = 1ull << 31, Z = 1ull << 30, C = 1ull << 29, V = 1ull << 28;
   const struct { const char* what; uint32_t word; uint64_t x0, x1, in, out; } cases[] = {
@@ -276,32 +244,6 @@ TEST(Int2Corners, CtermFlags) {
     s.nzcv = c.in;
     ASSERT_EQ(run_word(s, c.word), AARCH64_DECODE_OK);
     EXPECT_EQ(s.nzcv, c.out) << c.what;
-  }
-}
-
-// The movers are shared by Z and predicate forms; TRN1 on predicates has a
-// fast handler that no row reaches.
-TEST(Int2Corners, PredicateMoversAndUnreachedTrn1) {
-  cpu_state s = base_state();
-  fill_pred(s.p[1], 1);
-  fill_pred(s.p[2], 0);
-  ASSERT_EQ(run_word(s, 0x05224020), AARCH64_DECODE_OK);   // zip1 p0.b, p1.b, p2.b
-  for (unsigned i = 0; i < 48; ++i) ASSERT_EQ(s.p[0][i], (i + 1) % 2) << i;
-
-  for (unsigned i = 0; i < 48; ++i) s.p[1][i] = i >= 24;
-  ASSERT_EQ(run_word(s, 0x05314020), AARCH64_DECODE_OK);   // punpkhi p0.h, p1.b
-  for (unsigned i = 0; i < 48; ++i) ASSERT_EQ(s.p[0][i], i % 2 == 0) << i;
-
-  for (unsigned i = 0; i < 48; ++i) {
-    s.p[3][i] = static_cast<unsigned char>(i % 3 == 0);
-    s.p[4][i] = static_cast<unsigned char>(i % 2 == 0);
-  }
-  const cpu_state before = s;
-  ASSERT_EQ(sve_trn1_ppp(&s, {3, kPB, kPAbsent, kPAbsent}, {3, kPB, kPAbsent, kPAbsent}, {4, kPB, kPAbsent, kPAbsent}),
-            AARCH64_DECODE_OK);
-  for (unsigned k = 0; k < 24; ++k) {
-    EXPECT_EQ(s.p[3][2 * k], before.p[3][2 * k]) << k;
-    EXPECT_EQ(s.p[3][2 * k + 1], before.p[4][2 * k]) << k;
   }
 }
 

@@ -33,36 +33,6 @@ TEST(IntFamilies, PatternTableAgreesWithVecTrueILength) {
           << "size " << size << " pattern " << pat;
 }
 
-// INC/DEC on the fast road and CNT on the generic road give the same count
-// for every element size, pattern and a spread of multipliers; UQDECB (fast)
-// clamps at zero and clears the upper half of a W register.
-TEST(IntFamilies, CountRoadsAgreeForEveryPattern) {
-  for (unsigned size = 0; size < 4; ++size) {
-    for (unsigned pat = 0; pat < 32; ++pat) {
-      for (unsigned imm4 : {0u, 1u, 7u, 15u}) {
-        SCOPED_TRACE(testing::Message() << "size " << size << " pattern " << pat << " imm4 " << imm4);
-        const uint64_t want = uint64_t(VecTrueILength(pat, 48 >> size)) * (imm4 + 1);
-        const uint32_t fields = size << 22 | imm4 << 16 | pat << 5 | 3;
-        cpu_state s;
-        std::memset(&s, 0, sizeof s);
-        s.x[3] = 1000;
-        ASSERT_EQ(run_word(s, 0x0430E000u | fields), 0);  // INC<T> X3
-        EXPECT_EQ(s.x[3], 1000 + want);
-        ASSERT_EQ(run_word(s, 0x0430E400u | fields), 0);  // DEC<T> X3
-        EXPECT_EQ(s.x[3], 1000u);
-        s.x[3] = 0xdeadbeef;
-        ASSERT_EQ(run_word(s, 0x0420E000u | fields), 0);  // CNT<T> X3
-        EXPECT_EQ(s.x[3], want);
-        if (size == 0) {
-          s.x[3] = 0xffffffff00000000ull | 500;
-          ASSERT_EQ(run_word(s, 0x0420FC00u | fields), 0);  // UQDECB W3
-          EXPECT_EQ(s.x[3], want >= 500 ? 0 : 500 - want);
-        }
-      }
-    }
-  }
-}
-
 // ---- encodings the reference rejects ------------------------------------------------
 
 // With byte elements the shifted immediate (bit 13) does not exist. The
@@ -93,39 +63,6 @@ TEST(IntFamilies, ByteLanesWithTheShiftedImmediate) {
 }
 
 // ---- governing predicates ------------------------------------------------------------
-
-// Only bit 0 of a predicate byte governs. Bytes that hold other bits as well
-// (which no reference processor can hold) change nothing, on every predicated
-// fast handler of these families.
-TEST(IntFamilies, OnlyBitZeroOfAPredicateByteCounts) {
-  struct Case { uint32_t word; const char* text; };
-  const Case cases[] = {
-      {0x04080861u, "smax z1.b, p2/m, z1.b, z3.b"}, {0x044B0861u, "umin z1.h, p2/m, z1.h, z3.h"},
-      {0x049A0861u, "and z1.s, p2/m, z1.s, z3.s"},  {0x04DB0861u, "bic z1.d, p2/m, z1.d, z3.d"},
-      {0x0457A861u, "neg z1.h, p2/m, z3.h"},        {0x05A78861u, "rbit z1.s, p2/m, z3.s"},
-      {0x04D0A861u, "sxtb z1.d, p2/m, z3.d"},       {0x0493A861u, "uxth z1.s, p2/m, z3.s"},
-      {0x0523C841u, "sel z1.b, p2, z2.b, z3.b"},    {0x04512861u, "movprfx z1.h, p2/m, z3.h"},
-      {0x04902861u, "movprfx z1.s, p2/z, z3.s"},    {0x05D200A1u, "mov z1.d, p2/z, #5"},
-      {0x051240A1u, "mov z1.b, p2/m, #5"},          {0x0568A881u, "mov z1.h, p2/m, w4"},
-      {0x05A08861u, "mov z1.s, p2/m, s3"},          {0x25EC8844u, "incp x4, p2.d"},
-      {0x252C8844u, "incp x4, p2.b"},
-  };
-  std::mt19937_64 rng(11);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text);
-    for (int trial = 0; trial < 20; ++trial) {
-      cpu_state canonical;
-      random_state(canonical, rng);
-      for (auto& b : canonical.p[2]) b = rng() & 1;
-      cpu_state noisy = canonical;
-      for (auto& b : noisy.p[2]) b = static_cast<unsigned char>(b | (rng() & 0xFE));
-      ASSERT_EQ(run_word(canonical, c.word), 0);
-      ASSERT_EQ(run_word(noisy, c.word), 0);
-      std::memcpy(noisy.p[2], canonical.p[2], 48);
-      EXPECT_EQ(std::memcmp(&canonical, &noisy, sizeof canonical), 0) << quern_test::describe_diff(canonical, noisy);
-    }
-  }
-}
 
 // ---- bitmask immediates -----------------------------------------------------------------
 

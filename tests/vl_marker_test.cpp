@@ -1,4 +1,4 @@
-// RDVL, ADDVL, ADDPL; and the region markers carried by ADD immediate.
+// The region markers carried by ADD immediate.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -12,48 +12,6 @@ namespace {
 
 using quern_test::random_state;
 using quern_test::run_word;
-
-uint32_t rdvl(unsigned xd, int imm) { return 0x04BF5000u | (uint32_t(imm) & 0x3Fu) << 5 | xd; }
-uint32_t addvl(unsigned xd, unsigned xn, int imm) { return 0x04205000u | xn << 16 | (uint32_t(imm) & 0x3Fu) << 5 | xd; }
-uint32_t addpl(unsigned xd, unsigned xn, int imm) { return 0x04605000u | xn << 16 | (uint32_t(imm) & 0x3Fu) << 5 | xd; }
-
-TEST(VectorLength, ReadsAndAdds) {
-  std::mt19937_64 rng(1);
-  cpu_state s;
-  random_state(s, rng);
-  s.x[3] = 1000;
-  s.sp = 0x10000;
-  const struct {
-    uint32_t word;
-    unsigned reg;        // 31 = SP
-    uint64_t want;
-  } cases[] = {
-      {rdvl(0, 1), 0, 48},
-      {rdvl(1, -1), 1, static_cast<uint64_t>(-48)},
-      {rdvl(2, 31), 2, 48 * 31},
-      {rdvl(4, -32), 4, static_cast<uint64_t>(-48 * 32)},
-      {addvl(5, 3, 2), 5, 1096},
-      {addvl(31, 31, -1), 31, 0x10000 - 48},   // both fields are the stack pointer
-      {addvl(6, 31, 1), 6, 0x10000},
-      {addpl(7, 3, -1), 7, 994},
-      {addpl(8, 3, 31), 8, 1000 + 6 * 31},
-      {addpl(31, 3, 0), 31, 1000},
-  };
-  for (const auto& c : cases) {
-    const cpu_state before = s;
-    ASSERT_EQ(run_word(s, c.word), AARCH64_DECODE_OK) << std::hex << c.word;
-    EXPECT_EQ(c.reg == 31 ? s.sp : s.x[c.reg], c.want) << std::hex << c.word;
-    cpu_state expect = before;
-    (c.reg == 31 ? expect.sp : expect.x[c.reg]) = c.want;
-    expect.encoding = c.word;
-    EXPECT_EQ(quern_test::describe_diff(expect, s), "") << std::hex << c.word;
-  }
-  // RDVL to register 31 writes nothing (it names the zero register there).
-  const cpu_state before = s;
-  run_word(s, rdvl(31, 1));
-  s.encoding = before.encoding;
-  EXPECT_EQ(quern_test::describe_diff(before, s), "");
-}
 
 uint32_t add_imm_b(unsigned zdn, unsigned imm8, bool sh) { return 0x2520C000u | (sh ? 1u << 13 : 0) | imm8 << 5 | zdn; }
 

@@ -40,10 +40,13 @@ constexpr int simm8sh(uint32_t w) {
   return (w >> 13) & 1u ? static_cast<int>(static_cast<unsigned>(imm) << 8) : imm;
 }
 
-// The logical (bitmask) immediate of bits 17..5: N, immr, imms. Reserved
-// encodings are not rejected: with N clear and imms all ones no element size
-// exists, and the expansion would not end; a valid program never has one, and
-// such a word yields 0 here rather than hanging the emulator.
+// The logical (bitmask) immediate of bits 17..5: N, immr, imms. The reserved
+// fields (N clear and imms 11111x, or a run of ones filling its element) make
+// the word undefined: a processor with SVE raises SIGILL, which no compiler or
+// assembler leaves in a program. The decode table still matches such words and
+// they are not rejected here; they must only end without a shift past the
+// width or an endless loop: imms 111111 with N clear has no element size and
+// yields 0, the others yield all ones.
 constexpr uint64_t decode_bitmask(uint32_t n, uint32_t immr, uint32_t imms) {
   const uint32_t combined = (n << 6) | (~imms & 0x3Fu);
   int len = -1;

@@ -248,40 +248,35 @@ template <class U> inline U isqrt(U n, bool& exact) {
 template <class T> T FPSqrt(T a, FPSCR& fpscr) {
   typedef typename Fmt<T>::Wide U;
   constexpr int F = Fmt<T>::F, BIAS = Fmt<T>::BIAS, W = Fmt<T>::W, UW = bits_of<U>();
-  int mode = fp_mode_word(fpscr), flags = 0;
-  int as, ae;
-  T am;
-  fp_unpack(as, ae, am, a, mode, flags);
-  T r;
-  if (fp_is_nan(a)) {
-    r = fp_process_NaN(a, mode, flags);
-  } else if (!am) {
-    r = fp_zero<T>(as);
-  } else if (as) {
-    flags |= FPLIB_IOC;
-    r = fp_default_nan<T>();
-  } else if (fp_is_infinite<T>(ae, am)) {
-    r = a;
-  } else {
-    // value = am * 2^(ae - bias - F), also once normalised; take an even
-    // power of two out so that the root of the wide word has its top bit
-    // at W - 1.
-    fp_normalise(am, ae);
-    int k = UW - W - 1;  // top bit of the wide word at UW - 2 ...
-    int p = ae - BIAS - F - k;
-    if (p & 1) {  // ... or at UW - 1
-      ++k;
-      --p;
+  return fp_unary(a, fpscr, [&](FpOp<T>& A, int mode, int& flags) -> T {
+    T r;
+    if (!A.mnt) {
+      r = fp_zero<T>(A.sgn);
+    } else if (A.sgn) {
+      flags |= FPLIB_IOC;
+      r = fp_default_nan<T>();
+    } else if (A.inf()) {
+      r = a;
+    } else {
+      // value = A.mnt * 2^(A.exp - bias - F), also once normalised; take an even
+      // power of two out so that the root of the wide word has its top bit
+      // at W - 1.
+      fp_normalise(A.mnt, A.exp);
+      int k = UW - W - 1;  // top bit of the wide word at UW - 2 ...
+      int p = A.exp - BIAS - F - k;
+      if (p & 1) {  // ... or at UW - 1
+        ++k;
+        --p;
+      }
+      U n = U(A.mnt) << k;
+      bool exact;
+      T root = T(isqrt(n, exact));
+      // value = root * 2^(p/2), root's top bit at W - 1
+      int e = p / 2 + BIAS + W - 1;
+      r = fp_round<T>(0, e, T(T(root << 1) | T(!exact)), mode & FPLIB_RM, mode, flags);
     }
-    U n = U(am) << k;
-    bool exact;
-    T root = T(isqrt(n, exact));
-    // value = root * 2^(p/2), root's top bit at W - 1
-    int e = p / 2 + BIAS + W - 1;
-    r = fp_round<T>(0, e, T(T(root << 1) | T(!exact)), mode & FPLIB_RM, mode, flags);
-  }
-  fp_set_flags(flags, fpscr);
-  return r;
+    return r;
+  });
 }
 
 // The chosen operand repacked from its unpacked fields: a flushed denormal
@@ -385,20 +380,15 @@ template <class T> int FPCompare(T a, T b, bool signal_nans, FPSCR& fpscr) {
 
 // The identity with the format's flush and rounding applied.
 template <class T> T fp_process(T a, FPSCR& fpscr) {
-  int mode = fp_mode_word(fpscr), flags = 0;
-  int as, ae;
-  T am;
-  fp_unpack(as, ae, am, a, mode, flags);
-  T r;
-  if (fp_is_nan(a)) {
-    r = fp_process_NaN(a, mode, flags);
-  } else if (fp_is_infinite<T>(ae, am) || !am) {
-    r = fp_pack<T>(as, am ? ae : 0, 0);
-  } else {
-    r = fp_round_wide<T>(as, ae - Fmt<T>::F + Fmt<T>::W - 1, am, mode & FPLIB_RM, mode, flags);
-  }
-  fp_set_flags(flags, fpscr);
-  return r;
+  return fp_unary(a, fpscr, [&](FpOp<T>& A, int mode, int& flags) -> T {
+    T r;
+    if (A.inf() || !A.mnt) {
+      r = fp_pack<T>(A.sgn, A.mnt ? A.exp : 0, 0);
+    } else {
+      r = fp_round_wide<T>(A.sgn, A.exp - Fmt<T>::F + Fmt<T>::W - 1, A.mnt, mode & FPLIB_RM, mode, flags);
+    }
+    return r;
+  });
 }
 
 }  // namespace fplib

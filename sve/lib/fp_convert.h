@@ -154,54 +154,48 @@ template <class T> T fplibFixedToFP(uint64_t op, int fbits, bool is_unsigned, FP
 // inexact result; IDC from a flushed input; NaNs as usual.
 template <class T> T FPRoundInt(T op, FPRounding rounding, bool exact, FPSCR& fpscr) {
   constexpr int F = Fmt<T>::F, BIAS = Fmt<T>::BIAS, EXPINT = BIAS + F;
-  int mode = fp_mode_word(fpscr), flags = 0;
-  FpOp<T> A = fp_unpacked(op, mode, flags);
-  T r;
-  if (fp_is_nan(op)) {
-    r = fp_process_NaN(op, mode, flags);
-  } else if (A.inf()) {
-    r = fp_infinity<T>(A.sgn);
-  } else if (!A.mnt) {
-    r = fp_zero<T>(A.sgn);
-  } else if (A.exp >= EXPINT) {
-    r = op;
-  } else {
-    int s = EXPINT - A.exp;  // at least 1
-    uint64_t m = A.mnt;
-    uint64_t x = s >= 64 ? 0 : m >> s;
-    int err = s > 64 ? 1 : int(((m >> (s - 1)) & 1) << 1) | int((m & ((uint64_t(1) << (s - 1)) - 1)) != 0);
-    x += fp_int_round_up(rounding, err, A.sgn, x);
-    if (!x) {
+  return fp_unary(op, fpscr, [&](FpOp<T>& A, int, int& flags) -> T {
+    T r;
+    if (A.inf()) {
+      r = fp_infinity<T>(A.sgn);
+    } else if (!A.mnt) {
       r = fp_zero<T>(A.sgn);
+    } else if (A.exp >= EXPINT) {
+      r = op;
     } else {
-      int lz = clz(x);
-      r = fp_pack<T>(A.sgn, BIAS + 63 - lz, T((x << lz) >> (63 - F)));
+      int s = EXPINT - A.exp;  // at least 1
+      uint64_t m = A.mnt;
+      uint64_t x = s >= 64 ? 0 : m >> s;
+      int err = s > 64 ? 1 : int(((m >> (s - 1)) & 1) << 1) | int((m & ((uint64_t(1) << (s - 1)) - 1)) != 0);
+      x += fp_int_round_up(rounding, err, A.sgn, x);
+      if (!x) {
+        r = fp_zero<T>(A.sgn);
+      } else {
+        int lz = clz(x);
+        r = fp_pack<T>(A.sgn, BIAS + 63 - lz, T((x << lz) >> (63 - F)));
+      }
+      if (err && exact) flags |= FPLIB_IXC;
     }
-    if (err && exact) flags |= FPLIB_IXC;
-  }
-  fp_set_flags(flags, fpscr);
-  return r;
+    return r;
+  });
 }
 
 // op * 2^n; n is clamped to a range that still takes any value to overflow
 // or to zero. Flags as for add.
 template <class T> T fp_scale(T op, long n, FPSCR& fpscr) {
   constexpr long lim = Fmt<T>::W == 16 ? 60 : Fmt<T>::W == 32 ? 300 : 3000;
-  int mode = fp_mode_word(fpscr), flags = 0;
-  FpOp<T> A = fp_unpacked(op, mode, flags);
-  T r;
-  if (fp_is_nan(op)) {
-    r = fp_process_NaN(op, mode, flags);
-  } else if (!A.mnt) {
-    r = fp_zero<T>(A.sgn);
-  } else if (A.inf()) {
-    r = fp_infinity<T>(A.sgn);
-  } else {
-    n = n < -lim ? -lim : n > lim ? lim : n;
-    r = fp_round_wide<T>(A.sgn, A.exp + int(n) - Fmt<T>::F + Fmt<T>::W - 1, A.mnt, mode & FPLIB_RM, mode, flags);
-  }
-  fp_set_flags(flags, fpscr);
-  return r;
+  return fp_unary(op, fpscr, [&](FpOp<T>& A, int mode, int& flags) -> T {
+    T r;
+    if (!A.mnt) {
+      r = fp_zero<T>(A.sgn);
+    } else if (A.inf()) {
+      r = fp_infinity<T>(A.sgn);
+    } else {
+      n = n < -lim ? -lim : n > lim ? lim : n;
+      r = fp_round_wide<T>(A.sgn, A.exp + int(n) - Fmt<T>::F + Fmt<T>::W - 1, A.mnt, mode & FPLIB_RM, mode, flags);
+    }
+    return r;
+  });
 }
 
 }  // namespace fplib

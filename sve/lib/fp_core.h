@@ -189,6 +189,16 @@ template <class T> inline T fp_process_NaN(T a, int mode, int& flags) {
   return (mode & FPLIB_DN) ? fp_default_nan<T>() : a;
 }
 
+// A one-operand operation: the mode word, the operand unpacked (and flushed),
+// a NaN operand processed; `f(A, mode, flags)` gives every other result.
+template <class T, class Fn> inline T fp_unary(T op, FPSCR& fpscr, Fn f) {
+  int mode = fp_mode_word(fpscr), flags = 0;
+  FpOp<T> A = fp_unpacked(op, mode, flags);
+  const T r = fp_is_nan(op) ? fp_process_NaN(op, mode, flags) : f(A, mode, flags);
+  fp_set_flags(flags, fpscr);
+  return r;
+}
+
 // The NaN a two-operand routine returns, or 0 if neither is a NaN:
 // signalling before quiet, then the earlier operand.
 template <class T> inline T fp_process_NaNs(T a, T b, int mode, int& flags) {

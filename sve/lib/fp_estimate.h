@@ -34,66 +34,60 @@ template <class T> inline void fp_estimate_normalise(T& mnt, int& exp) {
 // otherwise.
 template <class T> T FPRecipEstimate(T op, FPSCR& fpscr) {
   constexpr int W = Fmt<T>::W, E = Fmt<T>::E, F = Fmt<T>::F, BIAS = Fmt<T>::BIAS;
-  int mode = fp_mode_word(fpscr), flags = 0;
-  FpOp<T> A = fp_unpacked(op, mode, flags);
-  T r;
-  if (fp_is_nan(op)) {
-    r = fp_process_NaN(op, mode, flags);
-  } else if (A.inf()) {
-    r = fp_zero<T>(A.sgn);
-  } else if (!A.mnt) {
-    flags |= FPLIB_DZC;
-    r = fp_infinity<T>(A.sgn);
-  } else if (!((op >> (F - 2)) & ((T(1) << (E + 2)) - 1))) {
-    flags |= FPLIB_OFC | FPLIB_IXC;
-    int rm = mode & FPLIB_RM;
-    bool inf = rm == FPRounding_TIEEVEN || (rm == FPRounding_POSINF && !A.sgn) || (rm == FPRounding_NEGINF && A.sgn);
-    r = inf ? fp_infinity<T>(A.sgn) : fp_max_normal<T>(A.sgn);
-  } else if ((mode & Fmt<T>::FZ_BIT) && A.exp >= 2 * BIAS - 1) {
-    flags |= FPLIB_UFC;
-    r = fp_zero<T>(A.sgn);
-  } else {
-    fp_estimate_normalise(A.mnt, A.exp);
-    int rexp = 2 * BIAS - 1 - A.exp;
-    uint64_t frac = ((uint64_t(1) << 19) / (uint64_t(A.mnt >> (W - 10)) | 1) + 1) >> 1;
-    frac <<= F - 8;
-    if (rexp == 0) {
-      frac >>= 1;
-    } else if (rexp == -1) {
-      frac >>= 2;
-      rexp = 0;
+  return fp_unary(op, fpscr, [&](FpOp<T>& A, int mode, int& flags) -> T {
+    T r;
+    if (A.inf()) {
+      r = fp_zero<T>(A.sgn);
+    } else if (!A.mnt) {
+      flags |= FPLIB_DZC;
+      r = fp_infinity<T>(A.sgn);
+    } else if (!((op >> (F - 2)) & ((T(1) << (E + 2)) - 1))) {
+      flags |= FPLIB_OFC | FPLIB_IXC;
+      int rm = mode & FPLIB_RM;
+      bool inf = rm == FPRounding_TIEEVEN || (rm == FPRounding_POSINF && !A.sgn) || (rm == FPRounding_NEGINF && A.sgn);
+      r = inf ? fp_infinity<T>(A.sgn) : fp_max_normal<T>(A.sgn);
+    } else if ((mode & Fmt<T>::FZ_BIT) && A.exp >= 2 * BIAS - 1) {
+      flags |= FPLIB_UFC;
+      r = fp_zero<T>(A.sgn);
+    } else {
+      fp_estimate_normalise(A.mnt, A.exp);
+      int rexp = 2 * BIAS - 1 - A.exp;
+      uint64_t frac = ((uint64_t(1) << 19) / (uint64_t(A.mnt >> (W - 10)) | 1) + 1) >> 1;
+      frac <<= F - 8;
+      if (rexp == 0) {
+        frac >>= 1;
+      } else if (rexp == -1) {
+        frac >>= 2;
+        rexp = 0;
+      }
+      r = fp_pack<T>(A.sgn, rexp, T(frac));
     }
-    r = fp_pack<T>(A.sgn, rexp, T(frac));
-  }
-  fp_set_flags(flags, fpscr);
-  return r;
+    return r;
+  });
 }
 
 // Reciprocal square root estimate, 8 bits. DZC for zero, IOC for a
 // negative operand.
 template <class T> T FPRSqrtEstimate(T op, FPSCR& fpscr) {
   constexpr int W = Fmt<T>::W, F = Fmt<T>::F, BIAS = Fmt<T>::BIAS;
-  int mode = fp_mode_word(fpscr), flags = 0;
-  FpOp<T> A = fp_unpacked(op, mode, flags);
-  T r;
-  if (fp_is_nan(op)) {
-    r = fp_process_NaN(op, mode, flags);
-  } else if (!A.mnt) {
-    flags |= FPLIB_DZC;
-    r = fp_infinity<T>(A.sgn);
-  } else if (A.sgn) {
-    flags |= FPLIB_IOC;
-    r = fp_default_nan<T>();
-  } else if (A.inf()) {
-    r = fp_zero<T>(0);
-  } else {
-    fp_estimate_normalise(A.mnt, A.exp);
-    unsigned idx = unsigned((A.mnt >> (W - 8)) & 127) | ((A.exp & 1) ? 0 : 128);
-    int rexp = (3 * BIAS - 1 - A.exp) >> 1;
-    r = fp_pack<T>(0, rexp, T(T(recip_sqrt_estimate[idx]) << (F - 8)));
-  }
-  fp_set_flags(flags, fpscr);
-  return r;
+  return fp_unary(op, fpscr, [&](FpOp<T>& A, int, int& flags) -> T {
+    T r;
+    if (!A.mnt) {
+      flags |= FPLIB_DZC;
+      r = fp_infinity<T>(A.sgn);
+    } else if (A.sgn) {
+      flags |= FPLIB_IOC;
+      r = fp_default_nan<T>();
+    } else if (A.inf()) {
+      r = fp_zero<T>(0);
+    } else {
+      fp_estimate_normalise(A.mnt, A.exp);
+      unsigned idx = unsigned((A.mnt >> (W - 8)) & 127) | ((A.exp & 1) ? 0 : 128);
+      int rexp = (3 * BIAS - 1 - A.exp) >> 1;
+      r = fp_pack<T>(0, rexp, T(T(recip_sqrt_estimate[idx]) << (F - 8)));
+    }
+    return r;
+  });
 }
 
 // Exponent reciprocal: exponent field inverted, fraction cleared; zeros and
@@ -101,17 +95,10 @@ template <class T> T FPRSqrtEstimate(T op, FPSCR& fpscr) {
 // single or double denormal.
 template <class T> T FPRecpX(T op, FPSCR& fpscr) {
   constexpr int F = Fmt<T>::F;
-  int mode = fp_mode_word(fpscr), flags = 0;
-  FpOp<T> A = fp_unpacked(op, mode, flags);
-  T r;
-  if (fp_is_nan(op)) {
-    r = fp_process_NaN(op, mode, flags);
-  } else {
-    int field = int((op >> F) & T(fmt_emax<T>()));
-    r = fp_pack<T>(A.sgn, field ? (~field & fmt_emax<T>()) : fmt_emax<T>() - 1, 0);
-  }
-  fp_set_flags(flags, fpscr);
-  return r;
+  return fp_unary(op, fpscr, [&](FpOp<T>& A, int, int&) -> T {
+    const int field = int((op >> F) & T(fmt_emax<T>()));
+    return fp_pack<T>(A.sgn, field ? (~field & fmt_emax<T>()) : fmt_emax<T>() - 1, 0);
+  });
 }
 
 // Fused Newton steps: `base` - op1 * op2 with the exponent raised by

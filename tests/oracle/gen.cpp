@@ -247,7 +247,10 @@ uint64_t fp_special(unsigned bytes, rng& g) {
   const uint64_t emax = (uint64_t(1) << ebits) - 1;
   const uint64_t bias = emax >> 1;
   const uint64_t sign = g.one_in(2) ? uint64_t(1) << (ebits + mbits) : 0;
-  auto make = [&](uint64_t e, uint64_t m) { return sign | (e << mbits) | (m & mmask); };
+  // Taken as one braced list, so that the exponent's draws come before the
+  // mantissa's in every build (arguments of a call have no order).
+  struct fields { uint64_t e, m; };
+  auto make = [&](fields f) { return sign | (f.e << mbits) | (f.m & mmask); };
   // An exponent relative to 1.0, held inside the finite range.
   auto near_one = [&](int64_t d) {
     const int64_t e = static_cast<int64_t>(bias) + d;
@@ -255,36 +258,36 @@ uint64_t fp_special(unsigned bytes, rng& g) {
   };
   const uint64_t quiet = uint64_t(1) << (mbits - 1);
   switch (g.below(26)) {
-    case 0: return make(0, 0);                                   // zero
-    case 1: return make(0, 1);                                   // smallest denormal
-    case 2: return make(0, mmask);                               // largest denormal
-    case 3: return make(0, g.next() | 1);                        // some denormal
-    case 4: return make(1, 0);                                   // smallest normal
-    case 5: return make(emax, 0);                                // infinity
-    case 6: return make(emax, quiet | (g.next() & (quiet - 1))); // quiet NaN
-    case 7: return make(emax, (g.next() & (quiet - 1)) | 1);     // signalling NaN
-    case 8: return make(emax - 1, mmask);                        // largest finite
-    case 9: return make(bias, 0);                                // 1.0
-    case 10: return make(bias, 1);                               // 1 + ulp
-    case 11: return make(bias + 1, quiet);                       // 3.0 (integer .5 cases below)
-    case 12: return make(bias + g.below(mbits / 2 + 1), quiet | (g.next() & 1)); // x.5 and near
-    case 13: return make(bias - 1 - g.below(4), g.next());       // in (0, 1)
-    case 14: return make(emax - 1 - g.below(3), g.next());       // near overflow
-    case 15: return make(1 + g.below(3), g.next());              // near underflow
-    case 16: return make(near_one(-static_cast<int64_t>(mbits) - 1 - static_cast<int64_t>(g.below(2))), g.below(2)); // half, quarter ulp of 1
-    case 17: return make(near_one(g.between(-4, 4)), mmask - g.below(2));  // just below a power of two
-    case 18: return make(near_one(g.between(-8, 8)), (g.next() & ~uint64_t(3)) | 2);  // a tie one bit down
-    case 19: return make(0, quiet | (g.next() & (quiet - 1)));   // denormal near the normal range
+    case 0: return make({0, 0});                                   // zero
+    case 1: return make({0, 1});                                   // smallest denormal
+    case 2: return make({0, mmask});                               // largest denormal
+    case 3: return make({0, g.next() | 1});                        // some denormal
+    case 4: return make({1, 0});                                   // smallest normal
+    case 5: return make({emax, 0});                                // infinity
+    case 6: return make({emax, quiet | (g.next() & (quiet - 1))}); // quiet NaN
+    case 7: return make({emax, (g.next() & (quiet - 1)) | 1});     // signalling NaN
+    case 8: return make({emax - 1, mmask});                        // largest finite
+    case 9: return make({bias, 0});                                // 1.0
+    case 10: return make({bias, 1});                               // 1 + ulp
+    case 11: return make({bias + 1, quiet});                       // 3.0 (integer .5 cases below)
+    case 12: return make({bias + g.below(mbits / 2 + 1), quiet | (g.next() & 1)}); // x.5 and near
+    case 13: return make({bias - 1 - g.below(4), g.next()});       // in (0, 1)
+    case 14: return make({emax - 1 - g.below(3), g.next()});       // near overflow
+    case 15: return make({1 + g.below(3), g.next()});              // near underflow
+    case 16: return make({near_one(-static_cast<int64_t>(mbits) - 1 - static_cast<int64_t>(g.below(2))), g.below(2)}); // half, quarter ulp of 1
+    case 17: return make({near_one(g.between(-4, 4)), mmask - g.below(2)});  // just below a power of two
+    case 18: return make({near_one(g.between(-8, 8)), (g.next() & ~uint64_t(3)) | 2});  // a tie one bit down
+    case 19: return make({0, quiet | (g.next() & (quiet - 1))});   // denormal near the normal range
     case 20: {                                                   // integer limits of conversions
       static const int kPow[] = {15, 16, 31, 32, 63, 64};
       const int p = kPow[g.below(6)];
-      return make(near_one(p - static_cast<int>(g.below(2))), g.one_in(2) ? 0 : mmask - g.below(2));
+      return make({near_one(p - static_cast<int>(g.below(2))), g.one_in(2) ? 0 : mmask - g.below(2)});
     }
-    case 21: return make(near_one(static_cast<int64_t>(mbits + g.below(2))), g.next()); // where the spacing reaches 1 or 2
-    case 22: return make(near_one(static_cast<int64_t>(bias) / 2 + g.between(-1, 1)), g.next()); // products overflow
-    case 23: return make(near_one(-static_cast<int64_t>(bias) / 2 + g.between(-1, 1)), g.next()); // products underflow
-    case 24: return make(near_one(g.between(-2, 2)), g.next() & ~((uint64_t(1) << (mbits / 2)) - 1)); // short mantissas
-    default: return make(near_one(g.between(-3, 3)), g.below(8) << (mbits - 3)); // small dyadics: exact sums
+    case 21: return make({near_one(static_cast<int64_t>(mbits + g.below(2))), g.next()}); // where the spacing reaches 1 or 2
+    case 22: return make({near_one(static_cast<int64_t>(bias) / 2 + g.between(-1, 1)), g.next()}); // products overflow
+    case 23: return make({near_one(-static_cast<int64_t>(bias) / 2 + g.between(-1, 1)), g.next()}); // products underflow
+    case 24: return make({near_one(g.between(-2, 2)), g.next() & ~((uint64_t(1) << (mbits / 2)) - 1)}); // short mantissas
+    default: return make({near_one(g.between(-3, 3)), g.below(8) << (mbits - 3)}); // small dyadics: exact sums
   }
 }
 
