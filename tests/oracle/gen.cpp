@@ -455,13 +455,16 @@ void fill_trial(const row_plan& plan, rng& g, const scratch_area& scratch, trial
       // The reference gives up at a page boundary even between two readable
       // pages (the architecture lets a first-fault or non-fault load stop at
       // any element after the first): keep the footprint in one page.
+      // SP must stay 16-byte aligned: align first, since aligning down can
+      // carry a start near a page's first byte into the page below.
       const uint64_t footprint = (kVecBytes / plan.esize) * plan.msize;
       const int64_t imm = plan.form == addr_form::scalar_imm ? imm4(t.word) : 0;
-      const uint64_t start = b + static_cast<uint64_t>(imm * static_cast<int64_t>(footprint)) +
-                             static_cast<uint64_t>(index) * plan.msize;
-      const uint64_t in_page = start & (scratch.page - 1);
+      const uint64_t offset = static_cast<uint64_t>(imm * static_cast<int64_t>(footprint)) +
+                              static_cast<uint64_t>(index) * plan.msize;
+      if (bnum == 31) b &= ~uint64_t(15);
+      const uint64_t in_page = (b + offset) & (scratch.page - 1);
       if (in_page + footprint > scratch.page) b -= in_page + footprint - scratch.page;
-      if (bnum == 31) b &= ~uint64_t(15);   // moves down only: still inside the page
+      if (bnum == 31) b &= ~uint64_t(15);   // moves down from the page's end: still inside it
     }
     if (bnum == 31) b &= ~uint64_t(15);
     set_xsp(s, bnum, b);
