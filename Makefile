@@ -48,7 +48,7 @@ demo-build: build/native/Makefile build/aarch64/Makefile
 
 demo: demo-build
 	@echo "== examples/sve_demo.c under quern run, on a processor without SVE"
-	build/native/tools/quern/quern run --trace build/sve_demo.qtrace -- build/aarch64/examples/sve_demo
+	build/native/tools/quern/quern run --stats --trace build/sve_demo.qtrace -- build/aarch64/examples/sve_demo
 	@echo
 	@echo "== its memory trace"
 	build/native/tools/quern/quern trace stats build/sve_demo.qtrace
