@@ -9,7 +9,6 @@ such as "mov" for "orr" do not decide), and the most common answer wins.
 usage: gen_mnemonics.py DECODE_TABLE OBJDUMP OUTPUT
 """
 import collections
-import importlib.util
 import os
 import random
 import struct
@@ -22,11 +21,9 @@ SAMPLES = 7
 
 def load_parser():
     here = os.path.dirname(os.path.abspath(__file__))
-    path = os.path.join(here, '..', '..', 'tools', 'gen_decode.py')
-    spec = importlib.util.spec_from_file_location('gen_decode', path)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
-    return module.parse_table
+    sys.path.insert(0, os.path.join(here, '..', '..', 'tools'))
+    import gen_decode  # the decode table's own reader, so both agree on the rows
+    return gen_decode.parse_table
 
 
 def disassemble(objdump, words):
