@@ -13,10 +13,13 @@
 // everything the callee may clobber. P registers, FFR and the upper 32 bytes
 // of each Z register live only in cpu_state.
 //
-// With runs (quern run --runs), adjacent words share one park, one call of
-// emulate_run, which carries them out in order, and one reload; and the park
-// takes only the registers that the run's words touch (the decode table says
-// which), besides those the call may clobber.
+// With runs (the default of quern run; --no-runs turns them off), adjacent
+// words share one park, one call of emulate_run, which carries them out in
+// order, and one reload; and the park takes only the registers that the
+// run's words touch (the decode table says which), besides those the call
+// may clobber. A run also carries the ordinary integer instructions that
+// stand between its SVE words (carried.h), such as a loop counter's ADD,
+// rather than end there.
 //
 // With quern run --stats, the blocks call counted versions of the same two
 // functions, which also count each word under its decode row (its row index
@@ -35,6 +38,7 @@
 #include "framework/droption.h"
 #include "sve/dispatch/cpu_state.h"
 #include "sve/dispatch/decode.h"
+#include "sve/client/carried.h"
 #include "sve/client/sve_stats.h"
 #include "sve/memory/sve_mem_ref.h"
 
@@ -101,7 +105,7 @@ void event_thread_exit(void* drcontext) {
 template <bool kCounted>
 void emulate_instruction(cpu_state* cs, uint64_t word, unsigned char* pc, sve_handler_fn handler) {
   thread_stats* stats = kCounted ? stats_of(cs) : nullptr;
-  if (kCounted && stats) ++stats->rows[word >> 32];
+  if (kCounted && stats) ++(word >> 32 < kDecodeRows ? stats->rows[word >> 32] : stats->carried);
   cs->pc = pc;
   if (handler(cs, static_cast<unsigned int>(word)) != AARCH64_DECODE_OK) {
     if (kCounted && stats) ++stats->failed;
@@ -127,7 +131,7 @@ void emulate_run(cpu_state* cs, const run_word* words, uint64_t n) {
 
 // ---- the block pass --------------------------------------------------------------------------
 
-// Whether adjacent words share one park, call and reload (quern run --runs).
+// Whether adjacent words share one park, call and reload (quern run without --no-runs).
 bool runs_enabled;
 constexpr int kMaxRun = 64;
 
@@ -184,6 +188,8 @@ struct sequence {
   // saw them). For a run, `use` names the Z and X registers and SP that its
   // words touch: only those, and the X registers that the call may clobber,
   // go to cpu_state; the call keeps the other Q registers on its own stack.
+  // FPSR and FPCR go only if a word of the run is a floating-point one: no
+  // other word reads FPCR or changes FPSR, so the host's FPSR stays right.
   void park(const register_use* use) {
     dr_save_reg(dc, bb, where, kState, SPILL_SLOT_2);
     if (!drmgr_insert_read_tls_field(dc, tls_idx, bb, where, kState)) CLIENT_ASSERT(false);
@@ -205,6 +211,7 @@ struct sequence {
       if (!use || use->z >> q & 1) store(static_cast<reg_id_t>(DR_REG_Q0 + q), z_field(q), OPSZ_16);
     put(instr_create_1dst_1src(dc, OP_mrs, reg(kScratch), reg(DR_REG_NZCV)));
     store(kScratch, offsetof(cpu_state, nzcv), OPSZ_8);
+    if (use && !use->fp) return;
     put(instr_create_1dst_1src(dc, OP_mrs, reg(kScratch), reg(DR_REG_FPSR)));
     store(DR_REG_W26, offsetof(cpu_state, fpsr), OPSZ_4);
     put(instr_create_1dst_1src(dc, OP_mrs, reg(kScratch), reg(DR_REG_FPCR)));
@@ -213,8 +220,10 @@ struct sequence {
 
   // What park() parked, back from cpu_state, X27 last.
   void reload(const register_use* use) {
-    load(DR_REG_W26, offsetof(cpu_state, fpsr), OPSZ_4);
-    put(instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_FPSR), reg(kScratch)));
+    if (!use || use->fp) {
+      load(DR_REG_W26, offsetof(cpu_state, fpsr), OPSZ_4);
+      put(instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_FPSR), reg(kScratch)));
+    }
     load(kScratch, offsetof(cpu_state, nzcv), OPSZ_8);
     put(instr_create_1dst_1src(dc, OP_msr, reg(DR_REG_NZCV), reg(kScratch)));
     for (int q = 0; q < 32; ++q)
@@ -256,7 +265,8 @@ opnd_t imm(T v) {
   else return opnd_create_immed_int(static_cast<ptr_int_t>(v), OPSZ_8);
 }
 
-// One SVE word of the block, with what its rewritten code calls.
+// One SVE word of the block, with what its rewritten code calls; or an
+// ordinary instruction that a run carries (no row, entry carry_out).
 struct sve_word {
   instr_t* instr;
   app_pc pc;
@@ -290,7 +300,8 @@ void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, in
   sequence seq{dc, bb, where, pc};
   // The word's constant, with its row when counted.
   auto word_constant = [](const sve_word& w) {
-    return stats_on ? w.word | static_cast<uint64_t>(w.row - decode_rows) << 32 : uint64_t{w.word};
+    const uint64_t row = w.row ? static_cast<uint64_t>(w.row - decode_rows) : kCarriedRow;
+    return stats_on ? w.word | row << 32 : uint64_t{w.word};
   };
   if (!table) {
     seq.park(nullptr);
@@ -300,7 +311,9 @@ void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, in
     seq.reload(nullptr);
   } else {
     register_use use{};
-    for (int i = 0; i < n; ++i) add_register_use(*words[i].row, words[i].word, use);
+    for (int i = 0; i < n; ++i)
+      if (words[i].row) add_register_use(*words[i].row, words[i].word, use);
+      else carried_instruction(words[i].word, &use);
     for (int i = 0; i < n; ++i) table[i] = {words[i].pc, words[i].entry, word_constant(words[i])};
     seq.park(&use);
     void* callee =
@@ -346,6 +359,15 @@ bool sve_word_at(instr_t* instr, sve_word* out) {
   return true;
 }
 
+// An ordinary instruction that a run may carry between its SVE words.
+bool carried_at(instr_t* instr, sve_word* out) {
+  const unsigned int raw = *reinterpret_cast<const unsigned int*>(instr_get_raw_bits(instr));
+  register_use unused{};
+  if (!carried_instruction(raw, &unused)) return false;
+  *out = {instr, instr_get_app_pc(instr), raw, carry_out, nullptr};
+  return true;
+}
+
 dr_emit_flags_t event_instruction_change(void* drcontext, void* tag, instrlist_t* bb, bool for_trace,
                                          bool translating) {
   (void)tag;
@@ -359,15 +381,19 @@ dr_emit_flags_t event_instruction_change(void* drcontext, void* tag, instrlist_t
       mirror_fpcr_write(drcontext, bb, instr);
       continue;
     }
-    int n = 1;
+    int n = 1, last_sve = 1;
     // A run: the words that follow at the next addresses, up to the first
-    // that is not emulated. (Its instruction is gone; it was an SVE word,
-    // never an MSR.)
-    while (runs_enabled && n < kMaxRun && next != nullptr && instr_get_app_pc(next) == run[n - 1].pc + 4 &&
-           sve_word_at(next, &run[n])) {
+    // that is neither emulated nor carried; carried instructions after its
+    // last SVE word stay as they are. (The instructions of a run are gone;
+    // none of them was an MSR.)
+    while (runs_enabled && n < kMaxRun && next != nullptr && instr_get_app_pc(next) == run[n - 1].pc + 4) {
+      if (sve_word_at(next, &run[n])) last_sve = n + 1;
+      else if (!carried_at(next, &run[n])) break;
       ++n;
       next = instr_get_next_app(next);
     }
+    n = last_sve;
+    next = instr_get_next_app(run[n - 1].instr);
     replace_with_emulation(drcontext, bb, run, n);
   }
   return DR_EMIT_DEFAULT;

@@ -81,18 +81,19 @@ void stats_thread_end(thread_stats* s) {
 void stats_after_fork(thread_stats* self) {
   for (thread_stats* s = all_blocks.load(); s; s = s->next) {
     std::memset(s->rows, 0, sizeof s->rows);
-    s->failed = 0;
+    s->carried = s->failed = 0;
     s->in_use.store(s == self);
   }
 }
 
 void stats_report(const dr_block_counts_t& blocks) {
   static uint64_t rows[kDecodeRows];
-  uint64_t failed = 0, by_road[kRoadKinds] = {};
+  uint64_t failed = 0, carried = 0, by_road[kRoadKinds] = {};
   std::memset(rows, 0, sizeof rows);
   for (thread_stats* s = all_blocks.load(std::memory_order_acquire); s; s = s->next) {
     for (unsigned i = 0; i < kDecodeRows; ++i) rows[i] += s->rows[i];
     failed += s->failed;
+    carried += s->carried;
   }
   // Rows of one mnemonic and road (the forms of an instruction) add up.
   static mnemonic_count lines[kDecodeRows];
@@ -121,6 +122,8 @@ void stats_report(const dr_block_counts_t& blocks) {
           static_cast<unsigned long long>(total), static_cast<unsigned long long>(by_road[kFast]),
           static_cast<unsigned long long>(by_road[kGeneric]), static_cast<unsigned long long>(by_road[kNoop]));
   out.add("  emulations failed          %llu\n", static_cast<unsigned long long>(failed));
+  out.add("  other instructions carried %llu (ordinary instructions inside runs of SVE words)\n",
+          static_cast<unsigned long long>(carried));
   out.add("  blocks rewritten           %llu\n", static_cast<unsigned long long>(blocks.rewritten));
   out.add("  blocks interpreted         %llu (executions from the signal context)\n",
           static_cast<unsigned long long>(blocks.interpreted));

@@ -14,8 +14,12 @@
 #include "framework/dr_api.h"
 #include "sve/dispatch/decode.h"
 
+// The row index that counted code gives an ordinary instruction a run carries.
+constexpr uint64_t kCarriedRow = kDecodeRows;
+
 struct thread_stats {
   uint64_t rows[kDecodeRows];   // words emulated, by decode row
+  uint64_t carried;             // ordinary instructions carried out inside runs
   uint64_t failed;              // emulations whose handler did not succeed
   std::atomic<bool> in_use;
   thread_stats* next;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 
 #include "sve/dispatch/cpu_state.h"
@@ -92,9 +93,18 @@ struct register_use {
   uint32_t z;    // bit i: Zi
   uint32_t x;    // bit i: Xi
   bool sp;
+  bool fp;       // FPCR is read or FPSR may change: a floating-point row
 };
 
+// Whether a row reads FPCR or may change FPSR. No other row does, whichever
+// road it takes: generic adapters copy FPSR back unchanged, and the integer,
+// predicate and memory code raises no floating-point flag.
+inline bool row_touches_fp(const decode_row& row) {
+  return row.subsystem[0] == 'f' || row.road[std::strlen(row.road) - 1] == '+';
+}
+
 inline void add_register_use(const decode_row& row, unsigned int word, register_use& use) {
+  use.fp |= row_touches_fp(row);
   const row_registers& regs = decode_row_registers[&row - decode_rows];
   for (unsigned i = 0; i < regs.n; ++i) {
     const row_register& r = regs.r[i];

@@ -1,12 +1,13 @@
 /* Random runs of adjacent SVE words, against the reference processor: each
  * trial loads every Z and P register from memory, runs 1 to 24 random words
  * of the rows that touch registers (vector ADD/SUB in every form, ADDVL,
- * ADDPL, RDVL, with X26 to X28 among their operands), now and then an
- * ordinary ADD of X registers among them, stores every Z and P register back,
- * and prints a hash of the whole state. Under quern the words form runs of
- * up to a block's length, ended by the ordinary instructions, so that
- * one-word sequences and runs (quern run --runs) must both give the
- * reference's lines.
+ * ADDPL, RDVL, with X26 to X28 among their operands, and FADD, FSUB, FMUL,
+ * whose flags reach FPSR), and among them ordinary integer instructions of
+ * every class that a run carries (and NOP),
+ * stores every Z and P register back, and prints a hash of the whole state,
+ * NZCV included. Under quern the words form runs of up to a block's length
+ * that carry the ordinary instructions between their SVE words, so that
+ * one-word sequences and runs must both give the reference's lines.
  *
  *   e2e_runs [TRIAL]   with a trial number: that trial's words and state in full */
 #include <stdint.h>
@@ -41,6 +42,54 @@ static uint32_t xreg(void) {
   return ok[rnd() % sizeof ok];
 }
 
+/* The same, or XZR. */
+static uint32_t xreg_or_zr(void) { return rnd() % 8 == 0 ? 31 : xreg(); }
+
+/* An ordinary integer instruction of a class that a run carries between its
+ * SVE words, with random fields that the architecture allocates; never one
+ * that reads SP or the PC, which differ from one processor to the other. */
+static uint32_t random_scalar(void) {
+  const uint32_t sf = rnd() % 2, width = sf ? 64 : 32, d = xreg_or_zr(), n = xreg_or_zr(), m = xreg_or_zr();
+  const uint32_t r = rnd(), top = sf << 31 | (r & 3u) << 29;   /* sf, op and S, or opc */
+  switch (rnd() % 12) {
+    case 0: /* ADD/SUB(S) immediate: Rn may not be 31 (SP), nor Rd without S */
+      return top | 0x11000000u | (r >> 2 & 1u) << 22 | (r >> 3 & 0xFFFu) << 10 | xreg() << 5 | ((r & 1u) ? d : xreg());
+    case 1: /* ADD/SUB(S) shifted register */
+      return top | 0x0B000000u | (r >> 2) % 3 << 22 | m << 16 | (r >> 8) % width << 10 | n << 5 | d;
+    case 2: /* ADD/SUB(S) extended register */
+      return top | 0x0B200000u | m << 16 | (r >> 2 & 7u) << 13 | (r >> 5) % 5 << 10 | xreg() << 5 | ((r & 1u) ? d : xreg());
+    case 3: /* AND, BIC, ORR, ORN, EOR, EON, ANDS, BICS (shifted register) */
+      return top | 0x0A000000u | (r >> 2 & 3u) << 22 | (r >> 4 & 1u) << 21 | m << 16 | (r >> 8) % width << 10 |
+             n << 5 | d;
+    case 4: { /* AND, ORR, EOR, ANDS (immediate), from an element size, a run and a rotation */
+      const uint32_t len = sf ? 1 + rnd() % 6 : 1 + rnd() % 5, esize = 1u << len;
+      const uint32_t imms = ((0x3Fu << (len + 1)) & 0x3Fu) | (uint32_t)(rnd() % (esize - 1));
+      return top | 0x12000000u | (len == 6) << 22 | (uint32_t)(rnd() % esize) << 16 | imms << 10 | n << 5 |
+             ((r & 3u) == 3 ? d : xreg());
+    }
+    case 5: /* MOVN, MOVZ, MOVK */
+      return sf << 31 | (uint32_t[]){0, 2, 3}[r % 3] << 29 | 0x12800000u | (r >> 2) % (sf ? 4 : 2) << 21 |
+             (r >> 4 & 0xFFFFu) << 5 | d;
+    case 6: /* SBFM, BFM, UBFM */
+      return sf << 31 | (r % 3) << 29 | 0x13000000u | sf << 22 | (r >> 2) % width << 16 | (r >> 8) % width << 10 |
+             n << 5 | d;
+    case 7: /* EXTR */
+      return sf << 31 | 0x13800000u | sf << 22 | m << 16 | (r >> 2) % width << 10 | n << 5 | d;
+    case 8: /* CSEL, CSINC, CSINV, CSNEG */
+      return sf << 31 | (r & 1u) << 30 | 0x1A800000u | m << 16 | (r >> 1 & 15u) << 12 | (r >> 5 & 1u) << 10 |
+             n << 5 | d;
+    case 9: /* UDIV, SDIV, LSLV, LSRV, ASRV, RORV */
+      return sf << 31 | 0x1AC00000u | m << 16 | (uint32_t[]){2, 3, 8, 9, 10, 11}[r % 6] << 10 | n << 5 | d;
+    case 10: /* RBIT, REV16, REV32 or REV, REV, CLZ, CLS */
+      return sf << 31 | 0x5AC00000u | (sf ? r % 6 : (uint32_t[]){0, 1, 2, 4, 5}[r % 5]) << 10 | n << 5 | d;
+    default: { /* MADD, MSUB, and at 64 bits SMADDL, SMSUBL, UMADDL, UMSUBL, SMULH, UMULH */
+      const uint32_t op31 = sf ? (uint32_t[]){0, 1, 5, 2, 6}[r % 5] : 0;
+      const uint32_t o0 = op31 == 2 || op31 == 6 ? 0 : r >> 3 & 1u, a = op31 == 2 || op31 == 6 ? 31 : xreg_or_zr();
+      return sf << 31 | 0x1B000000u | op31 << 21 | m << 16 | o0 << 15 | a << 10 | n << 5 | d;
+    }
+  }
+}
+
 static uint32_t imm9(int v, uint32_t base, uint32_t reg) {
   const uint32_t u = (uint32_t)v & 0x1FF;
   return base | (u >> 3) << 16 | (u & 7) << 10 | reg;
@@ -48,7 +97,7 @@ static uint32_t imm9(int v, uint32_t base, uint32_t reg) {
 
 static uint32_t random_word(void) {
   const uint32_t z1 = rnd() % 32, z2 = rnd() % 32, z3 = rnd() % 32, size = rnd() % 4, sub = rnd() % 2;
-  switch (rnd() % 7) {
+  switch (rnd() % 11) {
     case 0: return 0x04200000u | size << 22 | z3 << 16 | sub << 10 | z2 << 5 | z1;   /* ADD/SUB Zd, Zn, Zm */
     case 1: {                                                                         /* ADD/SUB Zdn, Zdn, #imm */
       const uint32_t sh = size == 0 ? 0 : rnd() % 2;
@@ -58,7 +107,9 @@ static uint32_t random_word(void) {
     case 3: return 0x04205000u | xreg() << 16 | (uint32_t)(rnd() % 64) << 5 | xreg();               /* ADDVL */
     case 4: return 0x04605000u | xreg() << 16 | (uint32_t)(rnd() % 64) << 5 | xreg();               /* ADDPL */
     case 5: return 0x04BF5000u | (uint32_t)(rnd() % 64) << 5 | xreg();                              /* RDVL */
-    default: return 0x8B000000u | xreg() << 16 | xreg() << 5 | xreg();   /* ADD Xd, Xn, Xm: not SVE */
+    case 6: return 0xD503201Fu;                                                                      /* NOP */
+    case 7: return 0x65000000u | (1 + size % 3) << 22 | z3 << 16 | (uint32_t)(rnd() % 3) << 10 | z2 << 5 | z1;   /* FADD, FSUB, FMUL */
+    default: return random_scalar();                                                                 /* not SVE */
   }
 }
 
