@@ -78,9 +78,10 @@ inline aarch64_decode_rc binary_zpz(cpu_state* cs, aarch64_z_reg zdn, aarch64_p_
   const unsigned char* b = cs->z[zm.number];
   const unsigned char* p = cs->p[pg.number];
   unsigned char out[kVecBytes];
+  // Inactive lanes keep Zdn through a mask rather than a branch per lane.
   for (unsigned i = 0; i < lanes<T>; ++i) {
-    const T x = lane<T>(a, i);
-    set_lane<T>(out, i, active<T>(p, i) ? static_cast<T>(op(x, lane<T>(b, i))) : x);
+    const T x = lane<T>(a, i), m = static_cast<T>(T(0) - T(p[i * sizeof(T)] & 1u));
+    set_lane<T>(out, i, static_cast<T>((static_cast<T>(op(x, lane<T>(b, i))) & m) | (x & static_cast<T>(~m))));
   }
   std::memcpy(cs->z[zdn.number], out, kVecBytes);
   return AARCH64_DECODE_OK;

@@ -29,8 +29,9 @@ aarch64_decode_rc compare(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg, aar
   const unsigned char* a = cs->z[zn.number];
   const unsigned char* g = cs->p[pg.number];
   unsigned char out[kVecBytes] = {};
+  // Every lane compared and masked, with no branch per lane.
   for (unsigned i = 0; i < fast::lanes<T>; ++i)
-    out[i * sizeof(T)] = fast::active<T>(g, i) && op(fast::lane<T>(a, i), second(i));
+    out[i * sizeof(T)] = static_cast<unsigned char>(g[i * sizeof(T)] & op(fast::lane<T>(a, i), second(i)) & 1u);
   sve_ptest<T>(cs, reinterpret_cast<const char*>(g), reinterpret_cast<const char*>(out));
   std::memcpy(cs->p[pd.number], out, kVecBytes);
   return AARCH64_DECODE_OK;

@@ -9,6 +9,7 @@
 #include "decode_decls.h"
 #include "sve/int/int_lanes.h"
 #include "sve/int/sat_count.h"
+#include "sve/predicate/pred_flags.h"
 #include "sve/lib/int_helpers.h"
 
 namespace {
@@ -97,10 +98,11 @@ aarch64_decode_rc sve_uqdecb_rii(cpu_state* cs, aarch64_i_reg rdn, unsigned int 
 
 // INCP Xdn, Pm.<T>: the number of lanes whose leading predicate byte has bit 0.
 aarch64_decode_rc sve_incp_rp(cpu_state* cs, aarch64_i_reg xdn, aarch64_p_reg pm) {
-  const unsigned step = pm.size == kPD ? 8u : pm.size == kPS ? 4u : pm.size == kPH ? 2u : 1u;
-  const unsigned char* p = cs->p[pm.number];
-  uint64_t count = 0;
-  for (unsigned b = 0; b < kVecBytes; b += step) count += p[b] & 1u;
+  const uint64_t lanes = pm.size == kPD   ? kLaneBytes<8>
+                         : pm.size == kPS ? kLaneBytes<4>
+                         : pm.size == kPH ? kLaneBytes<2>
+                                          : kLaneBytes<1>;
+  const uint64_t count = static_cast<uint64_t>(__builtin_popcountll(pred_bits(cs->p[pm.number], lanes)));
   write_x(cs, xdn, read_x(cs, xdn) + count);
   return AARCH64_DECODE_OK;
 }
