@@ -114,8 +114,11 @@ struct spread_table {
 inline constexpr spread_table kSpread{};
 }  // namespace pred_detail
 
+// Both run on every generic instruction (FFR goes in and comes back), so
+// they are unrolled: a loop costs a branch per step under an emulator.
 inline PredV pack_pred(const unsigned char (&bytes)[kVecBytes]) {
   PredV v{};
+#pragma GCC unroll 6
   for (unsigned i = 0; i < kVecBytes; i += 8) {
     uint64_t chunk;
     std::memcpy(&chunk, bytes + i, 8);   // little-endian host
@@ -126,6 +129,7 @@ inline PredV pack_pred(const unsigned char (&bytes)[kVecBytes]) {
 }
 
 inline void unpack_pred(const PredV& v, unsigned char (&bytes)[kVecBytes]) {
+#pragma GCC unroll 6
   for (unsigned i = 0; i < kVecBytes; i += 8) {
     const uint64_t chunk = pred_detail::kSpread.v[(v.w[0] >> i) & 0xFFu];
     std::memcpy(bytes + i, &chunk, 8);

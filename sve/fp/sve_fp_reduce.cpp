@@ -57,6 +57,43 @@ uint64_t add_ordered(const PredV& pg, uint64_t start, const VecV& v, CpuContext*
   return acc;
 }
 
+#if defined(__aarch64__)
+// FADDA at single and double precision on an AArch64 host: the host's own
+// FADD is the architecture's FPAdd, so the lanes go through it in the same
+// order, under the context's control word (rounding, FZ, DN; no trap
+// enabled), and the flags it raises join the context's status. Much cheaper
+// than the library when the host is itself emulated. The host's FPCR and
+// FPSR are as they were afterwards.
+template <typename T>
+uint64_t add_ordered_host(const PredV& pg, uint64_t start, const VecV& v, CpuContext* c) {
+  constexpr uint64_t kControl = 0x07C80000u;   // AHP, DN, FZ, RMode, FZ16
+  uint64_t fpcr, fpsr, flags;
+  __asm__ volatile("mrs %0, fpcr" : "=r"(fpcr));
+  __asm__ volatile("mrs %0, fpsr" : "=r"(fpsr));
+  const uint64_t want = c->fpcr & kControl;
+  if (fpcr != want) __asm__ volatile("msr fpcr, %0" : : "r"(want));
+  __asm__ volatile("msr fpsr, xzr");
+  auto acc = fplanes::to_host<T>(static_cast<T>(start));
+  const unsigned n = generic::lane_count<T>(c);
+  for (unsigned i = 0; i < n; ++i)
+    if (generic::active<T>(pg, i)) acc = fplanes::op_add::host(acc, fplanes::to_host<T>(generic::lane<T>(v, i)));
+  __asm__ volatile("mrs %0, fpsr" : "=r"(flags));
+  __asm__ volatile("msr fpsr, %0" : : "r"(fpsr));
+  if (fpcr != want) __asm__ volatile("msr fpcr, %0" : : "r"(fpcr));
+  c->fpsr |= static_cast<uint32_t>(flags) & fplanes::kFlagBits;
+  return fplanes::from_host<T>(acc);
+}
+#endif
+
+// FADDA: the host's FADD where it is the architecture's, the library elsewhere.
+template <typename T>
+uint64_t fadda(const PredV& pg, uint64_t start, const VecV& v, CpuContext* c) {
+#if defined(__aarch64__)
+  if constexpr (sizeof(T) > 2) return add_ordered_host<T>(pg, start, v, c);
+#endif
+  return add_ordered<T>(pg, start, v, c);
+}
+
 // The fast FMAXNMV / FMINNMV: active lanes into a work area with the default
 // NaN elsewhere, then the same tree with the host's instruction.
 template <typename T, bool Max>
@@ -97,7 +134,7 @@ extern "C" {
     return reduce_tree<T>(pg, v, c, pos_inf<T>(), [](T a, T b, FPSCR& s) { return FPMin<T>(a, b, s); });  \
   }                                                                                                        \
   uint64_t Vec##P##AddReduceAV(PredV pg, uint64_t start, VecV v, CpuContext* c) {                         \
-    return add_ordered<T>(pg, start, v, c);                                                                \
+    return fadda<T>(pg, start, v, c);                                                                      \
   }
 REDUCE_ROWS(F16, uint16_t)
 REDUCE_ROWS(F32, uint32_t)
