@@ -54,8 +54,8 @@ template <bool Signed, typename Imm, typename Op>
 aarch64_decode_rc compare_zi(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg, aarch64_z_reg zn, Imm imm, Op op) {
   return fast::by_size(pd.size, [&](auto lane) {
     using T = std::conditional_t<Signed, std::make_signed_t<decltype(lane)>, decltype(lane)>;
-    using W = std::conditional_t<Signed, int64_t, uint64_t>;
-    return compare<T>(cs, pd, pg, zn, [imm](unsigned) { return static_cast<W>(imm); }, op);
+    // Every immediate fits the narrowest lane, so the compare is at the lane's width.
+    return compare<T>(cs, pd, pg, zn, [imm](unsigned) { return static_cast<T>(imm); }, op);
   });
 }
 

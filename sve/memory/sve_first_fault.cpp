@@ -35,6 +35,7 @@ aarch64_decode_rc ldff1(cpu_state* cs, aarch64_z_reg zt, aarch64_p_reg pg, uint6
     if (remaining > kVecBytes) remaining = kVecBytes;
     limit = static_cast<unsigned>(remaining / sizeof(E));
   }
+  if (limit == lanes) return mem::ld1<E, M>(cs, zt, pg, addr);   // all of it readable: a plain load
   const unsigned char* p = cs->p[pg.number];
   unsigned char* z = cs->z[zt.number];
   for (unsigned e = 0; e < limit; ++e)

@@ -28,25 +28,20 @@ int last_active_byte(const unsigned char* p) {
 
 // BRKA (after = true) keeps the lane of the first true Pn active; BRKB does not.
 // Inactive lanes are 0 when zeroing and keep the old Pd when merging.
+// On the 48 lanes as bits: the active lanes below the first active true Pn
+// (up to it, for BRKA), then back to bytes eight lanes at a time.
 aarch64_decode_rc brk_ab(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg, aarch64_p_reg pn, bool after) {
-  const unsigned char* g = cs->p[pg.number];
-  const unsigned char* n = cs->p[pn.number];
   const unsigned char* d = cs->p[pd.number];
+  const uint64_t g = pred_bits(cs->p[pg.number]), stop = g & pred_bits(cs->p[pn.number]);
+  const uint64_t below = stop ? (stop & (0 - stop)) - 1 : ~uint64_t(0);   // the lanes before the first stop
+  const uint64_t keep = g & (after ? below | (stop & (0 - stop)) : below);
   const bool zeroing = pg.size == kPZero;
   unsigned char out[kVecBytes];
-  bool running = true;
-  for (unsigned i = 0; i < kVecBytes; ++i) {
-    if (g[i] & 1) {
-      if (after) {
-        out[i] = running;
-        running = running && !(n[i] & 1);
-      } else {
-        running = running && !(n[i] & 1);
-        out[i] = running;
-      }
-    } else {
-      out[i] = zeroing ? 0 : d[i];
-    }
+#pragma GCC unroll 6
+  for (unsigned k = 0; k < pred::kWords; ++k) {
+    const uint64_t kept = pred_detail::kSpread.v[(keep >> (8 * k)) & 0xFFu];
+    const uint64_t inactive = ~(pred_detail::kSpread.v[(g >> (8 * k)) & 0xFFu] * 0xFF);
+    pred::set_word(out, k, zeroing ? kept : kept | (pred::word(d, k) & inactive));
   }
   std::memcpy(cs->p[pd.number], out, kVecBytes);
   return AARCH64_DECODE_OK;
