@@ -303,17 +303,19 @@ void replace_with_emulation(void* dc, instrlist_t* bb, const sve_word* words, in
     const uint64_t row = w.row ? static_cast<uint64_t>(w.row - decode_rows) : kCarriedRow;
     return stats_on ? w.word | row << 32 : uint64_t{w.word};
   };
+  // With runs, even a run of one word parks only what it touches.
+  register_use use{};
+  for (int i = 0; i < n; ++i)
+    if (words[i].row) add_register_use(*words[i].row, words[i].word, use);
+    else carried_instruction(words[i].word, &use);
+  const register_use* parked = runs_enabled ? &use : nullptr;
   if (!table) {
-    seq.park(nullptr);
+    seq.park(parked);
     void* callee = stats_on ? reinterpret_cast<void*>(&emulate_instruction<true>)
                             : reinterpret_cast<void*>(&emulate_instruction<false>);
-    seq.call(nullptr, callee, imm(word_constant(words[0])), imm(pc), imm(words[0].entry));
-    seq.reload(nullptr);
+    seq.call(parked, callee, imm(word_constant(words[0])), imm(pc), imm(words[0].entry));
+    seq.reload(parked);
   } else {
-    register_use use{};
-    for (int i = 0; i < n; ++i)
-      if (words[i].row) add_register_use(*words[i].row, words[i].word, use);
-      else carried_instruction(words[i].word, &use);
     for (int i = 0; i < n; ++i) table[i] = {words[i].pc, words[i].entry, word_constant(words[i])};
     seq.park(&use);
     void* callee =
