@@ -278,8 +278,9 @@ bool place_code(const instrlist_t* il, uint64_t pc, uint64_t resume, quern_threa
 }
 
 // The block that starts at `pc`: its instruction and those after it in the
-// same page, at most kBlockWords.
-constexpr uint64_t kBlockWords = 16;
+// same page, at most kBlockWords (a loop body of SVE words fits; a block of
+// one-word sequences that long still fits the thread's arena).
+constexpr uint64_t kBlockWords = 32;
 instrlist_t* build_block(quern_thread* t, uint64_t pc, uint64_t* end) {
   instrlist_t* il = instrlist_create(t);
   const uint64_t page_end = (pc | uint64_t(getpagesize() - 1)) + 1;
