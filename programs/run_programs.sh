@@ -7,10 +7,12 @@
 # the SVE instructions that it emulated most under it (the --stats report of
 # the one-word-per-call run, kept in OUTDIR as NAME_BUILD.stats).
 #
-#   run_programs.sh QUERN OUTDIR [--small | --scale K] [--check LIST] [PROGRAM...]
+#   run_programs.sh QUERN OUTDIR [--small | --scale K] [--repeat N] [--check LIST] [PROGRAM...]
 #
 # --small   the sizes of CI (default: full sizes)
 # --scale K K times the sizes of CI
+# --repeat N  the reference, the NEON build and the run with runs N times
+#           each, timed by the shortest (the machine may be shared)
 # --check   fail (status 1) if a program named in LIST (one name a line,
 #           '#' comments) does not give the reference's checksum both ways
 # A source that does not compile, or a program that is missing or is not an
@@ -20,15 +22,16 @@
 set -u
 here=$(cd "$(dirname "$0")" && pwd)
 if [ $# -lt 2 ]; then
-  echo "usage: run_programs.sh QUERN OUTDIR [--small | --scale K] [--check LIST] [PROGRAM...]" >&2
+  echo "usage: run_programs.sh QUERN OUTDIR [--small | --scale K] [--repeat N] [--check LIST] [PROGRAM...]" >&2
   exit 2
 fi
 quern=$(readlink -f "$1") out=$2
 shift 2
-small=0 scale=1 check= only=()
+small=0 scale=1 check= only=() repeat=1
 while [ $# -gt 0 ]; do
   case $1 in
     --small) small=1 ;;
+    --repeat) repeat=$2; shift ;;
     --scale) small=1 scale=$2; shift ;;
     --check) check=$2; shift ;;
     *) only+=("$1") ;;
@@ -105,6 +108,18 @@ run_one() {
   [ -n "$sum" ] || sum="(status $rc)"
   [ -n "$secs" ] || secs=-
 }
+# The same, --repeat times: the shortest kernel time, and the checksum only if
+# every run gave the same one.
+run_best() {
+  local tag=$1 i first_sum best=-; shift
+  for ((i = 0; i < repeat; ++i)); do
+    run_one "$tag" "$@"
+    [ $i -eq 0 ] && first_sum=$sum
+    [ "$sum" = "$first_sum" ] || first_sum="(differs from run to run)"
+    best=$(awk -v a="$best" -v b="$secs" 'BEGIN { print (a == "-" || (b != "-" && b + 0 < a + 0)) ? b : a }')
+  done
+  sum=$first_sum secs=$best
+}
 # The total and the five mnemonics most emulated, from a --stats report.
 top_mnemonics() {
   [ -s "$1" ] || return 0
@@ -126,7 +141,7 @@ for entry in "${programs[@]}"; do
   neon_secs=-
   # shellcheck disable=SC2086
   if compile "${name}_neon" "$src" -O3 -march=armv8.2-a $extra; then
-    run_one "${name}_neon" "$qemu" -cpu max,sve=off -L "$sysroot" "$bin" "${args[@]}"
+    run_best "${name}_neon" "$qemu" -cpu max,sve=off -L "$sysroot" "$bin" "${args[@]}"
     neon_secs=$secs
   fi
   for b in "${builds[@]}"; do
@@ -143,12 +158,13 @@ for entry in "${programs[@]}"; do
       must_agree "$name" && fails=$((fails + 1))
       continue
     fi
-    run_one "${name}_$tag.ref" "$qemu" -cpu max,sve-max-vq=3 -L "$sysroot" "$bin" "${args[@]}"
+    run_best "${name}_$tag.ref" "$qemu" -cpu max,sve-max-vq=3 -L "$sysroot" "$bin" "${args[@]}"
     ref_sum=$sum ref_secs=$secs ref_rc=$rc
     stats=$out/${name}_$tag.stats
+    rm -f "$stats"
     run_one "${name}_$tag.quern" "$quern" run --no-runs --stats-file "$stats" -- "$bin" "${args[@]}"
     q_sum=$sum q_secs=$secs
-    run_one "${name}_$tag.runs" "$quern" run --runs -- "$bin" "${args[@]}"
+    run_best "${name}_$tag.runs" "$quern" run --runs -- "$bin" "${args[@]}"
     r_sum=$sum r_secs=$secs
     same=no runs=no
     [ "$ref_rc" -eq 0 ] && [ "$q_sum" = "$ref_sum" ] && same=yes

@@ -499,15 +499,18 @@ stats_case() {
   [ "$form" = file ] && opts=(--stats-file "$report")
   on_quern quern "${opts[@]}" "$@" -- "$p" "$turns" "$how"
   [ "$form" = stderr ] && report=$err
-  local n=$((3 * turns)) placed=some interpreted=none
+  local n=$((3 * turns)) placed=some interpreted=none carried=$((3 * turns))
   for o in "$@"; do [ "$o" = --fallback ] && placed=none interpreted=some; done
+  # The ADD of X4 between the kernel's words is carried only inside runs.
+  for o in "${extra_options[@]}"; do [ "$o" = --no-runs ] && carried=0; done
   local want got
   want=$(printf '%s\n' "emulated $((3 * n + 3)) (fast $((n + 3)), generic $n, no-op $n)" "failed 0" \
-    "rewritten $placed" "interpreted $interpreted" "add fast $n" "ptrue fast 3" "uqincw generic $n" \
-    "prfb no-op $n" "reports 1" | sort)
+    "carried $carried" "rewritten $placed" "interpreted $interpreted" "add fast $n" "ptrue fast 3" \
+    "uqincw generic $n" "prfb no-op $n" "reports 1" | sort)
   got=$(awk '/^quern stats: e2e_stats/ {++reports}
     /SVE instructions emulated/ {print "emulated", $4, $5, $6, $7, $8, $9, $10}
     /emulations failed/ {print "failed", $3}
+    /other instructions carried/ {print "carried", $4}
     /blocks (rewritten|interpreted)/ {print $2, ($3 > 0 ? "some" : "none")}
     $2 ~ /%$/ {print $3, $4, $1}
     END {print "reports", reports + 0}' "$report" 2>/dev/null | sort)

@@ -11,6 +11,7 @@ stats_kernel:
         mov     x3, #0
         ptrue   p0.s
 1:      add     z1.s, z1.s, z2.s
+        add     x4, x4, #1              // carried inside the run
         prfb    pldl1keep, p0, [sp]
         uqincw  x3
         subs    x0, x0, #1
