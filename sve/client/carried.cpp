@@ -120,31 +120,26 @@ bool bit_masks(unsigned n, unsigned imms, unsigned immr, bool immediate, uint64_
 // Register fields a class names.
 enum : uint8_t { kD = 1, kNf = 2, kM = 4, kA = 8, kNsp = 16 /* Rn 31 is SP */ };
 
-void add_sub_imm(cpu_state* cs, uint32_t w) {
-  const bool wide = sf(w), sub = (w >> 30) & 1u, s = (w >> 29) & 1u;
-  const uint64_t imm = uint64_t(bits(w, 21, 10)) << (bits(w, 22, 22) ? 12 : 0);
+// ADD, SUB, ADDS, SUBS (bit 30 subtracts, bit 29 sets the flags) of a second
+// operand already formed at the instruction's width.
+void add_sub(cpu_state* cs, uint32_t w, uint64_t a, uint64_t b) {
+  const bool wide = sf(w), sub = (w >> 30) & 1u;
   uint64_t cv;
-  const uint64_t r = add_with_carry(xsp(cs, rn(w), wide), trunc(sub ? ~imm : imm, wide), sub, wide, &cv);
-  if (s) set_nz(cs, r, wide, cv);
+  const uint64_t r = add_with_carry(a, trunc(sub ? ~b : b, wide), sub, wide, &cv);
+  if ((w >> 29) & 1u) set_nz(cs, r, wide, cv);
   put(cs, rd(w), r, wide);
+}
+
+void add_sub_imm(cpu_state* cs, uint32_t w) {
+  add_sub(cs, w, xsp(cs, rn(w), sf(w)), uint64_t(bits(w, 21, 10)) << (bits(w, 22, 22) ? 12 : 0));
 }
 
 void add_sub_shifted(cpu_state* cs, uint32_t w) {
-  const bool wide = sf(w), sub = (w >> 30) & 1u;
-  const uint64_t b = shift_reg(xr(cs, rm(w), wide), bits(w, 23, 22), bits(w, 15, 10), wide);
-  uint64_t cv;
-  const uint64_t r = add_with_carry(xr(cs, rn(w), wide), trunc(sub ? ~b : b, wide), sub, wide, &cv);
-  if ((w >> 29) & 1u) set_nz(cs, r, wide, cv);
-  put(cs, rd(w), r, wide);
+  add_sub(cs, w, xr(cs, rn(w), sf(w)), shift_reg(xr(cs, rm(w), sf(w)), bits(w, 23, 22), bits(w, 15, 10), sf(w)));
 }
 
 void add_sub_extended(cpu_state* cs, uint32_t w) {
-  const bool wide = sf(w), sub = (w >> 30) & 1u;
-  const uint64_t b = extend_reg(xr(cs, rm(w), true), bits(w, 15, 13), bits(w, 12, 10), wide);
-  uint64_t cv;
-  const uint64_t r = add_with_carry(xsp(cs, rn(w), wide), trunc(sub ? ~b : b, wide), sub, wide, &cv);
-  if ((w >> 29) & 1u) set_nz(cs, r, wide, cv);
-  put(cs, rd(w), r, wide);
+  add_sub(cs, w, xsp(cs, rn(w), sf(w)), extend_reg(xr(cs, rm(w), true), bits(w, 15, 13), bits(w, 12, 10), sf(w)));
 }
 
 uint64_t logical_op(cpu_state* cs, unsigned opc, uint64_t a, uint64_t b, bool wide) {

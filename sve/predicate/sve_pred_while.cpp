@@ -38,12 +38,21 @@ uint64_t while_count(uint64_t a_reg, uint64_t b_reg, uint64_t lanes) {
 // Lanes 0..count-1 of E bytes set to 1, every other predicate byte 0, then the
 // flags as PTEST with an all-true governing predicate: N = lane 0 active,
 // Z = none active, C = the top lane inactive.
+// The predicate is a 48-byte window into a register's worth of lanes followed
+// by a register's worth of zeros, so that it is one copy whatever the count.
+template <unsigned E>
+struct run_pattern {
+  unsigned char bytes[2 * kVecBytes] = {};
+  constexpr run_pattern() {
+    for (unsigned i = 0; i < kVecBytes; i += E) bytes[i] = 1;
+  }
+};
+
 template <unsigned E>
 aarch64_decode_rc write_run(cpu_state* cs, aarch64_p_reg pd, uint64_t count) {
   constexpr unsigned lanes = kVecBytes / E;
-  unsigned char out[kVecBytes] = {};
-  for (unsigned e = 0; e < count; ++e) out[e * E] = 1;
-  std::memcpy(cs->p[pd.number], out, kVecBytes);
+  static constexpr run_pattern<E> kPattern{};
+  std::memcpy(cs->p[pd.number], kPattern.bytes + kVecBytes - count * E, kVecBytes);
   set_nzcv(cs, count == 0 ? kFlagZ | kFlagC : count == lanes ? kFlagN : kFlagN | kFlagC);
   return AARCH64_DECODE_OK;
 }
