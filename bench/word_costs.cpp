@@ -4,8 +4,9 @@
 // without AArch64). Each word is called eight times in a row through its
 // entry, in the loop that runs use, on a state whose base registers point
 // into a buffer and whose predicates are all true; the first line is a
-// prefetch, which does nothing: the floor of dispatch alone. CPU time of the
-// thread, best of five rounds.
+// prefetch, which does nothing: the floor of dispatch alone; the last ones
+// are ordinary instructions that runs carry. CPU time of the thread, best of
+// five rounds.
 //
 //   word_costs [CALLS]
 #include <time.h>
@@ -15,6 +16,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "sve/client/carried.h"
 #include "sve/dispatch/decode.h"
 
 namespace {
@@ -69,6 +71,8 @@ const struct {
     {0x65a20031, "fmla z17.s, p0/m, z1.s, z2.s"},
     {0x65982032, "fadda s18, p0, s18, z1.s"},
     {0x65d82052, "fadda d18, p0, d18, z2.d"},
+    {0x8b050084, "add x4, x4, x5 (carried)"},
+    {0xd503201f, "nop (carried)"},
 };
 
 constexpr int kRun = 8, kRounds = 5;
@@ -117,12 +121,14 @@ int main(int argc, char** argv) {
   std::printf("%-42s %8s\n", "word", "ns");
   for (const auto& w : kWords) {
     const decode_row* row = find_decode_row(w.word);
-    if (!row) {
+    register_use unused{};
+    const sve_handler_fn entry = row ? row_entry(*row) : carried_instruction(w.word, &unused);
+    if (!entry) {
       std::printf("%-42s %8s\n", w.text, "no row");
       continue;
     }
     run_word table[kRun];
-    for (auto& t : table) t = {nullptr, row_entry(*row), w.word};
+    for (auto& t : table) t = {nullptr, entry, w.word};
     double best = 1e30;
     for (int r = 0; r < kRounds; ++r) {
       reset();

@@ -18,10 +18,8 @@
 #include "sve/dispatch/cpu_state.h"
 #include "sve/dispatch/decode.h"
 
-// Whether a run may carry `word`; if so, the X registers it names (and SP, if
-// it reads it) are added to `use`.
-bool carried_instruction(uint32_t word, register_use* use);
-
-// Carries out a word that carried_instruction() took, on `cs`; cs->pc is its
-// address (ADR and ADRP read it). Succeeds always.
-aarch64_decode_rc carry_out(cpu_state* cs, unsigned int word);
+// If a run may carry `word`: the entry that carries it out on cpu_state, as
+// a run's table calls an SVE word's (with cs->pc its address, which ADR and
+// ADRP read; it always succeeds), and the X registers it names (and SP, if it
+// reads it) added to `use`. Null otherwise.
+sve_handler_fn carried_instruction(uint32_t word, register_use* use);

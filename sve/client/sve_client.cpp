@@ -266,7 +266,7 @@ opnd_t imm(T v) {
 }
 
 // One SVE word of the block, with what its rewritten code calls; or an
-// ordinary instruction that a run carries (no row, entry carry_out).
+// ordinary instruction that a run carries (no row).
 struct sve_word {
   instr_t* instr;
   app_pc pc;
@@ -365,8 +365,9 @@ bool sve_word_at(instr_t* instr, sve_word* out) {
 bool carried_at(instr_t* instr, sve_word* out) {
   const unsigned int raw = *reinterpret_cast<const unsigned int*>(instr_get_raw_bits(instr));
   register_use unused{};
-  if (!carried_instruction(raw, &unused)) return false;
-  *out = {instr, instr_get_app_pc(instr), raw, carry_out, nullptr};
+  const sve_handler_fn entry = carried_instruction(raw, &unused);
+  if (!entry) return false;
+  *out = {instr, instr_get_app_pc(instr), raw, entry, nullptr};
   return true;
 }
 

@@ -51,7 +51,9 @@ static uint32_t xreg_or_zr(void) { return rnd() % 8 == 0 ? 31 : xreg(); }
 static uint32_t random_scalar(void) {
   const uint32_t sf = rnd() % 2, width = sf ? 64 : 32, d = xreg_or_zr(), n = xreg_or_zr(), m = xreg_or_zr();
   const uint32_t r = rnd(), top = sf << 31 | (r & 3u) << 29;   /* sf, op and S, or opc */
-  switch (rnd() % 12) {
+  switch (rnd() % 14) {
+    case 12: return 0x8B000000u | m << 16 | n << 5 | d;                           /* ADD Xd, Xn, Xm: a loop counter */
+    case 13: return 0x91000000u | (r >> 2 & 0xFFFu) << 10 | xreg() << 5 | xreg();   /* ADD Xd, Xn, #imm */
     case 0: /* ADD/SUB(S) immediate: Rn may not be 31 (SP), nor Rd without S */
       return top | 0x11000000u | (r >> 2 & 1u) << 22 | (r >> 3 & 0xFFFu) << 10 | xreg() << 5 | ((r & 1u) ? d : xreg());
     case 1: /* ADD/SUB(S) shifted register */
