@@ -33,11 +33,13 @@ const char kRunUsage[] =
     "  --trace FILE     where the memory trace goes (default: PROGRAM.PID.qtrace,\n"
     "                   kept only if something was traced)\n"
     "  --fallback       emulate from the signal context only, never rewrite code\n"
-    "  --runs           adjacent SVE words share one register park and one call (default)\n"
+    "  --runs           adjacent SVE words, with the ordinary integer instructions\n"
+    "                   between them, share one register park and one call (default)\n"
     "  --no-runs        one register park and one call per SVE word\n"
     "  --stats          at exit, report the SVE instructions emulated (by mnemonic and\n"
-    "                   road), the blocks rewritten or interpreted and the failures\n"
-    "                   on standard error (none if a signal kills the program)\n"
+    "                   road), the instructions carried inside runs, the blocks\n"
+    "                   rewritten or interpreted and the failures on standard\n"
+    "                   error (none if a signal kills the program)\n"
     "  --stats-file FILE  the same, into FILE (each process appends its report)\n"
     "environment: QUERN_LIBDIR (AArch64 libraries), QUERN_QEMU, QUERN_SYSROOT\n";
 
