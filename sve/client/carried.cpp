@@ -9,6 +9,7 @@
 #include "sve/client/carried.h"
 
 #include "sve/dispatch/adapter_support.h"
+#include "sve/predicate/pred_flags.h"
 
 namespace {
 
@@ -22,11 +23,9 @@ constexpr unsigned ra(uint32_t w) { return bits(w, 14, 10); }
 constexpr bool sf(uint32_t w) { return (w >> 31) & 1u; }
 
 uint64_t trunc(uint64_t v, bool wide) { return wide ? v : static_cast<uint32_t>(v); }
-uint64_t xr(const cpu_state* cs, unsigned n, bool wide) { return n == 31 ? 0 : trunc(cs->x[n], wide); }
-uint64_t xsp(const cpu_state* cs, unsigned n, bool wide) { return trunc(n == 31 ? cs->sp : cs->x[n], wide); }
-void put(cpu_state* cs, unsigned n, uint64_t v, bool wide) {
-  if (n != 31) cs->x[n] = trunc(v, wide);
-}
+uint64_t xr(const cpu_state* cs, unsigned n, bool wide) { return trunc(adapter::arg_x(cs, n), wide); }
+uint64_t xsp(const cpu_state* cs, unsigned n, bool wide) { return trunc(adapter::arg_xsp(cs, n), wide); }
+void put(cpu_state* cs, unsigned n, uint64_t v, bool wide) { adapter::put_x(cs, n, trunc(v, wide)); }
 uint64_t sign_extend(uint64_t v, unsigned width) {
   return width >= 64 ? v : static_cast<uint64_t>(static_cast<int64_t>(v << (64 - width)) >> (64 - width));
 }
@@ -37,11 +36,9 @@ uint64_t ror(uint64_t v, unsigned amount, unsigned width) {
 
 // ---- flags -------------------------------------------------------------------------------
 
-constexpr uint64_t kN = 1u << 31, kZ = 1u << 30, kC = 1u << 29, kV = 1u << 28;
-
 void set_nz(cpu_state* cs, uint64_t result, bool wide, uint64_t cv) {
   const unsigned top = wide ? 63 : 31;
-  cs->nzcv = ((result >> top) & 1u ? kN : 0) | (trunc(result, wide) == 0 ? kZ : 0) | cv;
+  cs->nzcv = ((result >> top) & 1u ? kFlagN : 0) | (trunc(result, wide) == 0 ? kFlagZ : 0) | cv;
 }
 
 // a + b + carry at the instruction's width (a and b within it), with C and V.
@@ -51,12 +48,12 @@ uint64_t add_with_carry(uint64_t a, uint64_t b, unsigned carry, bool wide, uint6
   const uint64_t result = trunc(static_cast<uint64_t>(sum), wide);
   const bool c = static_cast<uint64_t>(sum >> width) & 1u;
   const bool v = ((~(a ^ b) & (a ^ result)) >> (width - 1)) & 1u;
-  *cv = (c ? kC : 0) | (v ? kV : 0);
+  *cv = (c ? kFlagC : 0) | (v ? kFlagV : 0);
   return result;
 }
 
 bool condition_holds(uint64_t nzcv, unsigned cond) {
-  const bool n = nzcv & kN, z = nzcv & kZ, c = nzcv & kC, v = nzcv & kV;
+  const bool n = nzcv & kFlagN, z = nzcv & kFlagZ, c = nzcv & kFlagC, v = nzcv & kFlagV;
   bool r;
   switch (cond >> 1) {
     case 0: r = z; break;

@@ -67,20 +67,20 @@ uint64_t add_ordered(const PredV& pg, uint64_t start, const VecV& v, CpuContext*
 template <typename T>
 uint64_t add_ordered_host(const PredV& pg, uint64_t start, const VecV& v, CpuContext* c) {
   constexpr uint64_t kControl = 0x07C80000u;   // AHP, DN, FZ, RMode, FZ16
-  uint64_t fpcr, fpsr, flags;
+  uint64_t fpcr;
   __asm__ volatile("mrs %0, fpcr" : "=r"(fpcr));
-  __asm__ volatile("mrs %0, fpsr" : "=r"(fpsr));
+  const uint32_t fpsr = host_fpsr_read();
   const uint64_t want = c->fpcr & kControl;
   if (fpcr != want) __asm__ volatile("msr fpcr, %0" : : "r"(want));
-  __asm__ volatile("msr fpsr, xzr");
+  host_fpsr_write(0);
   auto acc = fplanes::to_host<T>(static_cast<T>(start));
   const unsigned n = generic::lane_count<T>(c);
   for (unsigned i = 0; i < n; ++i)
     if (generic::active<T>(pg, i)) acc = fplanes::op_add::host(acc, fplanes::to_host<T>(generic::lane<T>(v, i)));
-  __asm__ volatile("mrs %0, fpsr" : "=r"(flags));
-  __asm__ volatile("msr fpsr, %0" : : "r"(fpsr));
+  const uint32_t flags = host_fpsr_read();
+  host_fpsr_write(fpsr);
   if (fpcr != want) __asm__ volatile("msr fpcr, %0" : : "r"(fpcr));
-  c->fpsr |= static_cast<uint32_t>(flags) & fplanes::kFlagBits;
+  c->fpsr |= flags & fplanes::kFlagBits;
   return fplanes::from_host<T>(acc);
 }
 #endif

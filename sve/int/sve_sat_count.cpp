@@ -98,11 +98,7 @@ aarch64_decode_rc sve_uqdecb_rii(cpu_state* cs, aarch64_i_reg rdn, unsigned int 
 
 // INCP Xdn, Pm.<T>: the number of lanes whose leading predicate byte has bit 0.
 aarch64_decode_rc sve_incp_rp(cpu_state* cs, aarch64_i_reg xdn, aarch64_p_reg pm) {
-  const uint64_t lanes = pm.size == kPD   ? kLaneBytes<8>
-                         : pm.size == kPS ? kLaneBytes<4>
-                         : pm.size == kPH ? kLaneBytes<2>
-                                          : kLaneBytes<1>;
-  const uint64_t count = static_cast<uint64_t>(__builtin_popcountll(pred_bits(cs->p[pm.number], lanes)));
+  const uint64_t count = static_cast<uint64_t>(__builtin_popcountll(pred_bits(cs->p[pm.number], lane_bytes_of(pm.size))));
   write_x(cs, xdn, read_x(cs, xdn) + count);
   return AARCH64_DECODE_OK;
 }

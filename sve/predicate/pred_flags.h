@@ -69,6 +69,11 @@ constexpr uint64_t kLaneBytes = E == 1 ? 0x0101010101010101ull
                               : E == 4 ? 0x0000000100000001ull
                                        : 0x0000000000000001ull;
 
+// The same for a predicate's size code (.B to .D).
+inline uint64_t lane_bytes_of(int32_t size) {
+  return size == kPD ? kLaneBytes<8> : size == kPS ? kLaneBytes<4> : size == kPH ? kLaneBytes<2> : kLaneBytes<1>;
+}
+
 // NZCV (bits 31..28) of a test whose governing and tested lanes are given as
 // bit sets over the same positions.
 inline uint32_t nzcv_of_bits(uint64_t g, uint64_t r) {

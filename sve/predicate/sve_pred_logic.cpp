@@ -113,17 +113,8 @@ aarch64_decode_rc sve_ptrue_pi(cpu_state* cs, aarch64_p_reg pd, unsigned int pat
 
 // Xd = the number of lanes active in both Pg and Pn, at Pn's element size.
 aarch64_decode_rc sve_cntp_rpp(cpu_state* cs, aarch64_i_reg xd, aarch64_p_reg pg, aarch64_p_reg pn) {
-  const auto count = [&](uint64_t lanes) {
-    return static_cast<uint64_t>(__builtin_popcountll(pred_bits(cs->p[pg.number], lanes) & pred_bits(cs->p[pn.number], lanes)));
-  };
-  uint64_t n;
-  switch (pn.size) {
-    case kPH: n = count(kLaneBytes<2>); break;
-    case kPS: n = static_cast<uint8_t>(count(kLaneBytes<4>)); break;
-    case kPD: n = static_cast<uint8_t>(count(kLaneBytes<8>)); break;
-    default: n = count(kLaneBytes<1>); break;
-  }
-  write_x(cs, xd, n);
+  const uint64_t lanes = lane_bytes_of(pn.size);
+  write_x(cs, xd, static_cast<uint64_t>(__builtin_popcountll(pred_bits(cs->p[pg.number], lanes) & pred_bits(cs->p[pn.number], lanes))));
   return AARCH64_DECODE_OK;
 }
 
