@@ -198,19 +198,50 @@ int page_protection(uint64_t addr) {
   return prot;
 }
 
+// The protection of the pages patched so far, so that the next block in the
+// same page need not read /proc/self/maps again: under qemu that read costs
+// half a millisecond, more than the rest of building a block. Every call that
+// may change mappings (the program's mprotect, mmap, munmap and mremap, below,
+// and the framework's own new code pools) makes it forget them all. Guarded
+// by patch_lock.
+struct known_page {
+  uint64_t page;
+  int prot;
+};
+constexpr int kKnownPages = 64;
+known_page known_pages[kKnownPages];
+int n_known_pages;
+std::atomic<uint64_t> mappings_changed{0};   // bumped by the program's mapping calls
+uint64_t known_as_of;                         // the count the known pages were read at
+
+int known_protection(uint64_t page) {
+  const uint64_t now = mappings_changed.load(std::memory_order_acquire);
+  if (now != known_as_of) {
+    n_known_pages = 0;
+    known_as_of = now;
+  }
+  for (int i = 0; i < n_known_pages && i < kKnownPages; ++i)
+    if (known_pages[i].page == page) return known_pages[i].prot;
+  const int prot = page_protection(page);
+  known_pages[n_known_pages++ % kKnownPages] = {page, prot};
+  return prot;
+}
+
 // Replaces the word at `pc` by `word` with a single aligned store, and gives
 // the page back the protection it had (a JIT's writable code stays writable).
+// The framework's own mprotect goes straight to the system, not through the
+// program's entry point below, so that it does not count as the program's.
 std::atomic_flag patch_lock = ATOMIC_FLAG_INIT;
 bool patch_word(uint64_t pc, uint32_t word) {
   const uint64_t page = pc & ~uint64_t(getpagesize() - 1);
+  const auto protect = [page](int prot) { return syscall(SYS_mprotect, page, getpagesize(), prot) == 0; };
   while (patch_lock.test_and_set(std::memory_order_acquire)) sched_yield();
-  const int prot = page_protection(pc);
-  bool ok = (prot & PROT_WRITE) ||
-            mprotect(reinterpret_cast<void*>(page), getpagesize(), PROT_READ | PROT_WRITE | PROT_EXEC) == 0;
+  const int prot = known_protection(page);
+  bool ok = (prot & PROT_WRITE) || protect(PROT_READ | PROT_WRITE | PROT_EXEC);
   if (ok) {
     __atomic_store_n(reinterpret_cast<uint32_t*>(pc), word, __ATOMIC_RELEASE);
     __builtin___clear_cache(reinterpret_cast<char*>(pc), reinterpret_cast<char*>(pc + 4));
-    if (!(prot & PROT_WRITE)) mprotect(reinterpret_cast<void*>(page), getpagesize(), prot);
+    if (!(prot & PROT_WRITE)) protect(prot);
   }
   patch_lock.clear(std::memory_order_release);
   return ok;
@@ -485,6 +516,45 @@ extern "C" __attribute__((visibility("default"), noreturn)) void _exit(int statu
 }
 
 extern "C" __attribute__((visibility("default"), noreturn)) void _Exit(int status) { _exit(status); }
+
+// The program's calls that may change what a page of code allows: each makes
+// the framework forget the protections it knows, then goes to the system
+// directly (the C library's entry points do no more than that, and these may
+// run before the framework has started, or inside the allocator).
+namespace {
+void forget_protections() { mappings_changed.fetch_add(1, std::memory_order_acq_rel); }
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int mprotect(void* addr, size_t len, int prot) {
+  forget_protections();
+  return static_cast<int>(syscall(SYS_mprotect, addr, len, prot));
+}
+
+extern "C" __attribute__((visibility("default"))) int munmap(void* addr, size_t len) {
+  forget_protections();
+  return static_cast<int>(syscall(SYS_munmap, addr, len));
+}
+
+extern "C" __attribute__((visibility("default"))) void* mmap(void* addr, size_t len, int prot, int flags, int fd,
+                                                              off_t offset) {
+  forget_protections();
+  return reinterpret_cast<void*>(syscall(SYS_mmap, addr, len, prot, flags, fd, offset));
+}
+
+extern "C" __attribute__((visibility("default"))) void* mmap64(void* addr, size_t len, int prot, int flags, int fd,
+                                                                off_t offset) {
+  return mmap(addr, len, prot, flags, fd, offset);
+}
+
+extern "C" __attribute__((visibility("default"))) void* mremap(void* old_addr, size_t old_len, size_t new_len,
+                                                                int flags, ...) {
+  va_list ap;
+  va_start(ap, flags);
+  void* new_addr = (flags & MREMAP_FIXED) ? va_arg(ap, void*) : nullptr;
+  va_end(ap);
+  forget_protections();
+  return reinterpret_cast<void*>(syscall(SYS_mremap, old_addr, old_len, new_len, flags, new_addr));
+}
 
 void* dr_get_current_drcontext() { return self_block(); }
 
