@@ -90,16 +90,6 @@ aarch64_decode_rc sve_fneg_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg pg
   return fast_fp::by_fp_size(zd.size, [&](auto t) { return sign_zpz<decltype(t), op_neg>(cs, zd, pg, zn); });
 }
 
-// FDUP: the immediate at the width of the size code in every lane, half
-// precision included.
-aarch64_decode_rc sve_fdup_zi(cpu_state* cs, aarch64_z_reg zd, aarch64_sve_fp_dup_imm imm) {
-  unsigned char* d = cs->z[zd.number];
-  const unsigned bytes = 1u << zd.size;
-  const uint64_t bits = zd.size == 1 ? imm.half_bits : zd.size == 2 ? imm.single_bits : from_host<D64>(imm.double_value);
-  for (unsigned i = 0; i < kVecBytes; i += bytes) std::memcpy(d + i, &bits, bytes);
-  return AARCH64_DECODE_OK;
-}
-
 // ---- generic routines -----------------------------------------------------------
 
 #define QUERN_FP_VVM(TY, T, NAME, OP) \
@@ -143,13 +133,6 @@ aarch64_decode_rc sve_fdup_zi(cpu_state* cs, aarch64_z_reg zd, aarch64_sve_fp_du
   QUERN_FP_VM(TY, T, Sqrt, op_sqrt)                                                        \
   VecV Vec##TY##MulVVIX(VecV a, VecV b, uint64_t index, CpuContext* c) {                   \
     return gen::vvix<T>(a, b, index, c, op_mul{});                                         \
-  }                                                                                        \
-  VecV Vec##TY##DupIM(VecV d, PredV p, uint64_t bits, CpuContext* c) {                     \
-    VecV r;                                                                                \
-    const unsigned n = generic::lane_count<T>(c);                                          \
-    for (unsigned i = 0; i < n; ++i)                                                       \
-      generic::set_lane<T>(r, i, generic::active<T>(p, i) ? static_cast<T>(bits) : generic::lane<T>(d, i)); \
-    return r;                                                                              \
   }
 
 QUERN_FP_ARITH_GENERIC(F16, F16)

@@ -39,16 +39,16 @@ aarch64_decode_rc sve_dup_zi(cpu_state* cs, aarch64_z_reg zd, int imm) {
   });
 }
 
+// One fill of doublewords, the pattern repeated to 64 bits first: three fills
+// at three widths are what GCC merges into a loop of library copies.
 aarch64_decode_rc sve_fdup_zi(cpu_state* cs, aarch64_z_reg zd, aarch64_sve_fp_dup_imm imm) {
+  uint64_t bits;
   switch (zd.size) {
-    case kZH: return fast::fill<uint16_t>(cs, zd, imm.half_bits);
-    case kZS: return fast::fill<uint32_t>(cs, zd, imm.single_bits);
-    default: {
-      uint64_t bits;
-      std::memcpy(&bits, &imm.double_value, sizeof bits);
-      return fast::fill<uint64_t>(cs, zd, bits);
-    }
+    case kZH: bits = uint64_t{imm.half_bits} * 0x0001000100010001ull; break;
+    case kZS: bits = uint64_t{imm.single_bits} * 0x0000000100000001ull; break;
+    default: std::memcpy(&bits, &imm.double_value, sizeof bits);
   }
+  return fast::fill<uint64_t>(cs, zd, bits);
 }
 
 aarch64_decode_rc sve_dup_zr(cpu_state* cs, aarch64_z_reg zd, aarch64_i_rsp_reg rn) {
@@ -64,9 +64,10 @@ aarch64_decode_rc sve_dup_zr(cpu_state* cs, aarch64_z_reg zd, aarch64_i_rsp_reg 
 aarch64_decode_rc sve_dup_zzi(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn, unsigned int index) {
   const unsigned esize = zd.size == kZQ ? 16u : zd.size == kZD ? 8u : zd.size == kZS ? 4u : zd.size == kZH ? 2u : 1u;
   unsigned char elem[16] = {};
-  if (static_cast<uint64_t>(index) * esize < kVecBytes) std::memcpy(elem, cs->z[zn.number] + index * esize, esize);
+  if (static_cast<uint64_t>(index) * esize < kVecBytes)
+    for (unsigned b = 0; b < esize; ++b) elem[b] = cs->z[zn.number][index * esize + b];
   unsigned char out[kVecBytes];
-  for (unsigned off = 0; off < kVecBytes; off += esize) std::memcpy(out + off, elem, esize);
+  for (unsigned b = 0; b < kVecBytes; ++b) out[b] = elem[b & (esize - 1)];
   std::memcpy(cs->z[zd.number], out, kVecBytes);
   return AARCH64_DECODE_OK;
 }
@@ -125,7 +126,9 @@ aarch64_decode_rc sve_movprfx_zpz(cpu_state* cs, aarch64_z_reg zd, aarch64_p_reg
 }
 
 aarch64_decode_rc sve_movprfx_zz(cpu_state* cs, aarch64_z_reg zd, aarch64_z_reg zn) {
-  std::memmove(cs->z[zd.number], cs->z[zn.number], kVecBytes);
+  unsigned char v[kVecBytes];   // through a copy, so that Zd may be Zn
+  std::memcpy(v, cs->z[zn.number], kVecBytes);
+  std::memcpy(cs->z[zd.number], v, kVecBytes);
   return AARCH64_DECODE_OK;
 }
 

@@ -92,7 +92,7 @@ aarch64_decode_rc sve_rev_pp(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pn) 
   const unsigned size = static_cast<unsigned>(size_of(pd));
   const unsigned lanes = kVecBytes >> size, bytes = 1u << size;
   unsigned char out[kVecBytes];
-  for (unsigned i = 0; i < lanes; ++i) std::memcpy(out + i * bytes, cs->p[pn.number] + (lanes - 1 - i) * bytes, bytes);
+  for (unsigned b = 0; b < kVecBytes; ++b) out[b] = cs->p[pn.number][(lanes - 1 - b / bytes) * bytes + b % bytes];
   std::memcpy(cs->p[pd.number], out, kVecBytes);
   return AARCH64_DECODE_OK;
 }
