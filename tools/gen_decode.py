@@ -395,9 +395,12 @@ def generate(maps, rows, print_only):
             decls[r.adapter] = decl
             call = f'::{r.adapter}({"".join(a + ", " for a in args)}&c)'
             check = f'  if (!&::{r.adapter}) return report_unimplemented(cs, w, "{r.adapter}");\n'
-            body = '  CpuContext c = make_context(cs);\n'
+            # Only the first-fault and non-fault loads and RDFFRS read or
+            # write FFR; the others need not pack it and unpack it again.
+            ffr = 'true' if re.search(r'Load(FF|NF)', r.adapter) or r.adapter == 'VecPActualFlgP' else 'false'
+            body = f'  CpuContext c = make_context<{ffr}>(cs);\n'
             body += f'  {rtype} r = {call};\n  {put};\n' if put else f'  {call};\n'
-            body += '  finish_context(cs, c);\n  return AARCH64_DECODE_OK;\n'
+            body += f'  finish_context<{ffr}>(cs, c);\n  return AARCH64_DECODE_OK;\n'
             target = f'reinterpret_cast<void (*)()>(&::{r.adapter})'
         if used & r.mask:
             raise TableError(f'{r.line}: operand bits 0x{used & r.mask:08x} are fixed by the row')

@@ -98,22 +98,27 @@ constexpr uint64_t fpimm8_bits(uint32_t w, unsigned bits) {
 
 // ---- the generic road ----------------------------------------------------------
 
+// `UsesFfr`: the routine reads or writes FFR (first-fault and non-fault
+// loads, RDFFRS); for the others FFR stays in cpu_state as it is, and the
+// context's copy is all false.
+template <bool UsesFfr>
 inline CpuContext make_context(const cpu_state* cs) {
   CpuContext c;
   c.nzcv = static_cast<uint32_t>(cs->nzcv);
   c.fpsr = cs->fpsr;
   c.fpcr = cs->fpcr & kCtxFpcrMask;
   c.vl = kVecUnits;
-  c.ffr = pack_pred(cs->ffr);
+  c.ffr = UsesFfr ? pack_pred(cs->ffr) : PredV{};
   return c;
 }
 
-// Every generic instruction hands back flags, status and FFR, whatever it did.
-// FPCR never comes back: routines only read it.
+// Every generic instruction hands back flags and status, whatever it did, and
+// FFR if it may have changed it. FPCR never comes back: routines only read it.
+template <bool UsesFfr>
 inline void finish_context(cpu_state* cs, const CpuContext& c) {
   cs->nzcv = c.nzcv;
   cs->fpsr = c.fpsr;
-  unpack_pred(c.ffr, cs->ffr);
+  if (UsesFfr) unpack_pred(c.ffr, cs->ffr);
 }
 
 // Only the first 48 bytes are filled; a routine must not depend on the rest.
