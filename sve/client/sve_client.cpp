@@ -36,6 +36,7 @@
 
 #include "framework/dr_api.h"
 #include "framework/droption.h"
+#include "sve/dispatch/call_out.h"
 #include "sve/dispatch/cpu_state.h"
 #include "sve/dispatch/decode.h"
 #include "sve/client/carried.h"
@@ -110,8 +111,10 @@ void emulate_instruction(cpu_state* cs, uint64_t word, unsigned char* pc, sve_ha
   if (handler(cs, static_cast<unsigned int>(word)) != AARCH64_DECODE_OK) {
     if (kCounted && stats) ++stats->failed;
     // The word as it stands in memory now, not the one the block was built from.
-    fprintf(stderr, "Error: failed to emulate SVE instruction 0x%08x at PC %p\n",
-            *reinterpret_cast<volatile unsigned int*>(pc), static_cast<void*>(pc));
+    call_out([pc] {
+      fprintf(stderr, "Error: failed to emulate SVE instruction 0x%08x at PC %p\n",
+              *reinterpret_cast<volatile unsigned int*>(pc), static_cast<void*>(pc));
+    });
   }
 }
 
@@ -187,7 +190,7 @@ struct sequence {
   // (application writes of FPCR reach cpu_state here, whether or not the pass
   // saw them). For a run, `use` names the Z and X registers and SP that its
   // words touch: only those, and the X registers that the call may clobber,
-  // go to cpu_state; the call keeps the other Q registers on its own stack.
+  // go to cpu_state; the call keeps the others of Q0-Q7 on its own stack.
   // FPSR and FPCR go only if a word of the run is a floating-point one: no
   // other word reads FPCR or changes FPSR, so the host's FPSR stays right.
   void park(const register_use* use) {
@@ -248,14 +251,15 @@ struct sequence {
 
   // The call, with cpu_state as its first argument: the sequence keeps
   // the registers itself, so the framework only switches stacks (and keeps
-  // the Q registers that the sequence did not park).
+  // those of Q0-Q7 that the sequence did not park: the emulator leaves
+  // Q8-Q31 alone, see sve/dispatch/call_out.h).
+  static uint32_t kept_q(const register_use* use) { return use ? ~use->z & 0xFFu : 0; }
   void call(const register_use* use, void* callee, opnd_t a1, opnd_t a2, opnd_t a3) {
-    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, use ? ~use->z : 0, 4, reg(kState), a1,
-                            a2, a3);
+    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, kept_q(use), 4, reg(kState), a1, a2,
+                            a3);
   }
   void call(const register_use* use, void* callee, opnd_t a1, opnd_t a2) {
-    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, use ? ~use->z : 0, 3, reg(kState), a1,
-                            a2);
+    dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, kept_q(use), 3, reg(kState), a1, a2);
   }
 };
 

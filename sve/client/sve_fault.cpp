@@ -8,6 +8,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "sve/dispatch/call_out.h"
 #include "sve/dispatch/cpu_state.h"
 
 static_assert(SIGSEGV == 11 && SIGBUS == 7, "unexpected signal numbers on this host");
@@ -181,14 +182,16 @@ void probe_handler(int, siginfo_t*, void* uctx) {
 
 template <>
 bool addr_is_readable<char>(char volatile* addr) {
-  struct sigaction sa = make_action(probe_handler);
-  struct sigaction old;
-  access_violation_addr = reinterpret_cast<uint64_t>(addr);
-  access_violation = 0;
-  sigaction(SIGSEGV, &sa, &old);
-  probe_armed = 1;
-  probe_load(addr);
-  probe_armed = 0;
-  sigaction(SIGSEGV, &old, nullptr);
+  call_out([addr] {
+    struct sigaction sa = make_action(probe_handler);
+    struct sigaction old;
+    access_violation_addr = reinterpret_cast<uint64_t>(addr);
+    access_violation = 0;
+    sigaction(SIGSEGV, &sa, &old);
+    probe_armed = 1;
+    probe_load(addr);
+    probe_armed = 0;
+    sigaction(SIGSEGV, &old, nullptr);
+  });
   return !access_violation;
 }

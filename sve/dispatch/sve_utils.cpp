@@ -12,6 +12,7 @@
 
 #include "sve/client/sve_fault.h"
 #include "sve/dispatch/adapter_support.h"
+#include "sve/dispatch/call_out.h"
 #include "sve/dispatch/decode.h"
 #include "decode_decls.h"
 
@@ -21,8 +22,10 @@ CpuContext cpu_ctxt;
 CpuContext* ctxt;
 
 aarch64_decode_rc report_unimplemented(const cpu_state* cs, unsigned int word, const char* name) {
-  fprintf(stderr, "Unimplemented instruction: [  %tx:\t %08x\t %s  ]\n",
-          reinterpret_cast<ptrdiff_t>(cs->pc), word, name);
+  call_out([&] {
+    fprintf(stderr, "Unimplemented instruction: [  %tx:\t %08x\t %s  ]\n", reinterpret_cast<ptrdiff_t>(cs->pc), word,
+            name);
+  });
   return AARCH64_DECODE_UNIMPLEMENTED;
 }
 

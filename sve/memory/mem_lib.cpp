@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "sve/client/sve_fault.h"
+#include "sve/dispatch/call_out.h"
 
 namespace {
 
@@ -26,9 +27,10 @@ inline void plain_store(T v, unsigned long addr) {
 // far end; the real load follows outside the region. The jump buffer is set in
 // this frame, which stays live for the whole region. The probes may touch
 // memory the host does not own, which is their purpose: keep them out of the
-// sanitizer's view.
+// sanitizer's view. sigsetjmp and siglongjmp are the C library's (and the
+// latter writes D8-D15), so the whole read goes through call_out.
 template <typename T>
-__attribute__((no_sanitize_address, noinline)) T guarded_read(unsigned long addr, bool* fault) {
+__attribute__((no_sanitize_address, noinline)) T guarded_read_here(unsigned long addr, bool* fault) {
   if (sigsetjmp(sveFaultJB, 1) != 0) {
     *fault = true;
     return 0;
@@ -38,6 +40,13 @@ __attribute__((no_sanitize_address, noinline)) T guarded_read(unsigned long addr
   (void)*reinterpret_cast<const volatile char*>(addr + sizeof(T) - 1);
   SVEFaultRegion = 0;
   return plain_load<T>(addr);
+}
+
+template <typename T>
+T guarded_read(unsigned long addr, bool* fault) {
+  T v = 0;
+  call_out([&] { v = guarded_read_here<T>(addr, fault); });
+  return v;
 }
 
 template <typename T>
