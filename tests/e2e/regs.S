@@ -132,6 +132,19 @@ PROBE addvl_sp
 PROBE addvl_sp_pair
 PROBE addpl_sp
 
+// First-fault loads 32 bytes before a page that is not mapped: the fast one
+// (LDFF1B) probes the next page, the generic one (LDFF1H) takes the fault in
+// a guarded read and jumps back. Both make the emulator call into the C
+// library in the middle of the run; Q9 and Q10 get the first 16 bytes.
+.macro body_ldff_edge
+        adrp    x9, ldff_edge
+        ldr     x9, [x9, :lo12:ldff_edge]
+        ptrue   p0.b
+        ldff1b  {z9.b}, p0/z, [x9]
+        ldff1h  {z10.h}, p0/z, [x9]
+.endm
+PROBE ldff_edge
+
         .bss
         .balign 8
 saved_sp:

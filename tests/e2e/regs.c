@@ -7,6 +7,8 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "e2e.h"
 
@@ -32,7 +34,7 @@ typedef void mutate_fn(image* m);
 D(add_zi_d) D(add_zi_h_lsl) D(sub_zi_s) D(add_zzz_s) D(sub_zzz_h) D(add_zzz_b_self) D(sub_zzz_d) D(adjacent)
 D(run_chain) D(rdvl_x0) D(rdvl_x30) D(rdvl_x29) D(addvl_x28) D(addvl_x26) D(addpl_x27) D(addvl_x0_x27) D(addvl_x1_x28)
 D(addpl_x2_x26) D(addvl_x28_x26) D(addpl_x26_x27) D(addvl_x3_sp) D(addvl_x30_sp) D(addvl_sp) D(addvl_sp_pair)
-D(addpl_sp)
+D(addpl_sp) D(ldff_edge)
 #undef D
 
 static const uint64_t VL = E2E_VL, PL = E2E_VL / 8;
@@ -73,6 +75,14 @@ static void m_addvl_x3_sp(image* m) { m->x[3] = m->sp; }
 static void m_addvl_x30_sp(image* m) { m->x[30] = m->sp + 2 * VL; }
 static void m_unchanged(image* m) { (void)m; }
 
+// 32 bytes before the end of a page whose next page is not mapped (set by main).
+uint64_t ldff_edge;
+static void m_ldff_edge(image* m) {
+  m->x[9] = ldff_edge;
+  memcpy(m->q[9], (const void*)(uintptr_t)ldff_edge, 16);
+  memcpy(m->q[10], (const void*)(uintptr_t)ldff_edge, 16);
+}
+
 static const struct {
   const char* name;
   probe_fn* probe;
@@ -86,6 +96,7 @@ static const struct {
     {"addvl_sp", probe_addvl_sp, m_unchanged},
     {"addvl_sp_pair", probe_addvl_sp_pair, m_unchanged},
     {"addpl_sp", probe_addpl_sp, m_unchanged},
+    {"ldff_edge", probe_ldff_edge, m_ldff_edge},
 };
 
 // Register patterns differ per probe and round, with bytes near wrap-around
@@ -137,6 +148,11 @@ static int compare(const char* what, const image* got, const image* want, uint64
 }
 
 int main(void) {
+  const long page = sysconf(_SC_PAGESIZE);
+  uint8_t* edge = mmap(NULL, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (edge == MAP_FAILED || munmap(edge + page, page) != 0) return 2;
+  for (long i = 0; i < page; ++i) edge[i] = (uint8_t)(i * 7 + 3);
+  ldff_edge = (uint64_t)(uintptr_t)(edge + page - 32);
   uint8_t* base = stack_and_dump + kStackBytes;
   const uint64_t base_addr = (uint64_t)(uintptr_t)base;
   int failures = 0;
