@@ -1,17 +1,17 @@
 #!/usr/bin/env python3
-"""Check that an emulation call leaves V8-V31 alone, from the client library's code.
+"""Check that an emulation call leaves V16-V31 alone, from the client library's code.
 
-Rewritten code keeps only V0-V7 around a call of the emulator (see
+Rewritten code keeps only V0-V15 around a call of the emulator (see
 sve/dispatch/call_out.h). That is right only if no code that such a call can
-reach writes V8-V31. Starting from every entry that rewritten code calls (the
+reach writes V16-V31. Starting from every entry that rewritten code calls (the
 two run entries, every adapter, every carried instruction's entry), this
 follows the direct calls and branches through the library's disassembly and
 fails on any function reached that
 
-  * names one of V8-V31 (as b, h, s, d, q or v), or
+  * names one of V16-V31 (as b, h, s, d, q or v), or
   * calls into the PLT (the C library, the trace sink) or through a register,
 
-except quern_call_out, which keeps V8-V31 around the call it makes, and the
+except quern_call_out, which keeps V16-V31 around the call it makes, and the
 run entries, whose indirect calls are the adapters (roots themselves).
 
     simd_kept_check.py OBJDUMP LIBRARY
@@ -28,7 +28,7 @@ ROOTS = {
     'carried entries': re.compile(r'^_ZN12_GLOBAL__N_15entryI'),
 }
 KEEPER = 'quern_call_out'
-HIGH_V = re.compile(r'\b[bhsdqv](?:[89]|[12]\d|3[01])\b')
+HIGH_V = re.compile(r'\b[bhsdqv](?:1[6-9]|2\d|3[01])\b')
 TARGET = re.compile(r'^(?:bl|b|b\.\w+|cbn?z|tbn?z)\s.*?\b([0-9a-f]+) <')
 
 
@@ -100,7 +100,7 @@ def main():
         failures.append(f'{KEEPER} is missing')
     for name in sorted(seen - {KEEPER}):
         if name in high:
-            failures.append(f'{name} uses a register of V8-V31: {high[name]}')
+            failures.append(f'{name} uses a register of V16-V31: {high[name]}')
         if foreign[name]:
             failures.append(f'{name} calls {", ".join(sorted(foreign[name]))} outside {KEEPER}')
         if name in indirect and name not in run_entries:

@@ -190,7 +190,7 @@ struct sequence {
   // (application writes of FPCR reach cpu_state here, whether or not the pass
   // saw them). For a run, `use` names the Z and X registers and SP that its
   // words touch: only those, and the X registers that the call may clobber,
-  // go to cpu_state; the call keeps the others of Q0-Q7 on its own stack.
+  // go to cpu_state; the call keeps the others of Q0-Q15 on its own stack.
   // FPSR and FPCR go only if a word of the run is a floating-point one: no
   // other word reads FPCR or changes FPSR, so the host's FPSR stays right.
   void park(const register_use* use) {
@@ -251,9 +251,9 @@ struct sequence {
 
   // The call, with cpu_state as its first argument: the sequence keeps
   // the registers itself, so the framework only switches stacks (and keeps
-  // those of Q0-Q7 that the sequence did not park: the emulator leaves
-  // Q8-Q31 alone, see sve/dispatch/call_out.h).
-  static uint32_t kept_q(const register_use* use) { return use ? ~use->z & 0xFFu : 0; }
+  // those of Q0-Q15 that the sequence did not park: the emulator leaves
+  // Q16-Q31 alone, see sve/dispatch/call_out.h).
+  static uint32_t kept_q(const register_use* use) { return use ? ~use->z & 0xFFFFu : 0; }
   void call(const register_use* use, void* callee, opnd_t a1, opnd_t a2, opnd_t a3) {
     dr_insert_call_quern_ex(dc, bb, where, pc, callee, DR_CLEANCALL_SAVE_NONE, kept_q(use), 4, reg(kState), a1, a2,
                             a3);

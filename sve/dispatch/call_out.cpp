@@ -1,4 +1,4 @@
-// quern_call_out: V8-V31 onto the stack, the call, and back (see call_out.h).
+// quern_call_out: V16-V31 onto the stack, the call, and back (see call_out.h).
 #include "sve/dispatch/call_out.h"
 
 #if defined(__aarch64__)
@@ -9,36 +9,28 @@ asm(R"(
         .hidden quern_call_out
         .type   quern_call_out, %function
 quern_call_out:
-        stp     x29, x30, [sp, #-400]!
+        stp     x29, x30, [sp, #-272]!
         mov     x29, sp
-        stp     q8, q9, [sp, #16]
-        stp     q10, q11, [sp, #48]
-        stp     q12, q13, [sp, #80]
-        stp     q14, q15, [sp, #112]
-        stp     q16, q17, [sp, #144]
-        stp     q18, q19, [sp, #176]
-        stp     q20, q21, [sp, #208]
-        stp     q22, q23, [sp, #240]
-        stp     q24, q25, [sp, #272]
-        stp     q26, q27, [sp, #304]
-        stp     q28, q29, [sp, #336]
-        stp     q30, q31, [sp, #368]
+        stp     q16, q17, [sp, #16]
+        stp     q18, q19, [sp, #48]
+        stp     q20, q21, [sp, #80]
+        stp     q22, q23, [sp, #112]
+        stp     q24, q25, [sp, #144]
+        stp     q26, q27, [sp, #176]
+        stp     q28, q29, [sp, #208]
+        stp     q30, q31, [sp, #240]
         mov     x2, x0
         mov     x0, x1
         blr     x2
-        ldp     q8, q9, [sp, #16]
-        ldp     q10, q11, [sp, #48]
-        ldp     q12, q13, [sp, #80]
-        ldp     q14, q15, [sp, #112]
-        ldp     q16, q17, [sp, #144]
-        ldp     q18, q19, [sp, #176]
-        ldp     q20, q21, [sp, #208]
-        ldp     q22, q23, [sp, #240]
-        ldp     q24, q25, [sp, #272]
-        ldp     q26, q27, [sp, #304]
-        ldp     q28, q29, [sp, #336]
-        ldp     q30, q31, [sp, #368]
-        ldp     x29, x30, [sp], #400
+        ldp     q16, q17, [sp, #16]
+        ldp     q18, q19, [sp, #48]
+        ldp     q20, q21, [sp, #80]
+        ldp     q22, q23, [sp, #112]
+        ldp     q24, q25, [sp, #144]
+        ldp     q26, q27, [sp, #176]
+        ldp     q28, q29, [sp, #208]
+        ldp     q30, q31, [sp, #240]
+        ldp     x29, x30, [sp], #272
         ret
         .size   quern_call_out, . - quern_call_out
 )");

@@ -27,8 +27,8 @@ inline void plain_store(T v, unsigned long addr) {
 // far end; the real load follows outside the region. The jump buffer is set in
 // this frame, which stays live for the whole region. The probes may touch
 // memory the host does not own, which is their purpose: keep them out of the
-// sanitizer's view. sigsetjmp and siglongjmp are the C library's (and the
-// latter writes D8-D15), so the whole read goes through call_out.
+// sanitizer's view. sigsetjmp and siglongjmp are the C library's, so the
+// whole read goes through call_out.
 template <typename T>
 __attribute__((no_sanitize_address, noinline)) T guarded_read_here(unsigned long addr, bool* fault) {
   if (sigsetjmp(sveFaultJB, 1) != 0) {
