@@ -74,27 +74,38 @@ void SVESigHandler(int signo, siginfo_t*, void*) {
 
 // ---- guarded read ----------------------------------------------------------
 
-// The read may legitimately touch memory the host program does not own (that
-// is its purpose), so it is kept out of AddressSanitizer's view.
+namespace {
+
+// The guard probes the first and the last byte of the element inside the
+// region, so an element that straddles into an unmapped page is caught by its
+// far end; the real load follows outside the region. The jump buffer is set
+// in this frame, which stays live for the whole region. The probes may touch
+// memory the host program does not own, which is their purpose: they are
+// kept out of AddressSanitizer's view.
 template <typename T>
-__attribute__((no_sanitize_address)) bool guarded_load(const void* addr, T& out) {
+__attribute__((no_sanitize_address, noinline)) bool guarded_load_here(const void* addr, T& out) {
+  const auto* p = static_cast<const volatile char*>(addr);
+  if (sigsetjmp(sveFaultJB, 1) != 0) return false;
+  SVEFaultRegion = 1;
+  (void)p[0];
+  (void)p[sizeof(T) - 1];
+  SVEFaultRegion = 0;
+  std::memcpy(&out, addr, sizeof out);   // emulated elements need not be aligned
+  return true;
+}
+
+}  // namespace
+
+// sigsetjmp and siglongjmp are the C library's, so the whole read goes
+// through call_out.
+template <typename T>
+bool guarded_load(const void* addr, T& out) {
   static_assert(std::is_same<T, uint8_t>::value || std::is_same<T, uint16_t>::value ||
                     std::is_same<T, uint32_t>::value || std::is_same<T, uint64_t>::value,
                 "guarded_load reads 1, 2, 4 or 8 bytes");
-  // Packed wrapper: emulated elements need not be naturally aligned, and both
-  // hosts do unaligned loads in one instruction.
-  struct __attribute__((packed)) Cell {
-    T v;
-  };
-  if (sigsetjmp(sveFaultJB, 1) == 0) {
-    SVEFaultRegion = 1;
-    // Volatile so that the load stays between the two flag writes.
-    T v = static_cast<const volatile Cell*>(addr)->v;
-    SVEFaultRegion = 0;
-    out = v;
-    return true;
-  }
-  return false;
+  bool ok = false;
+  call_out([&] { ok = guarded_load_here(addr, out); });
+  return ok;
 }
 
 template bool guarded_load<uint8_t>(const void*, uint8_t&);

@@ -53,9 +53,11 @@ int SVEInitialize();
 void SVESigHandler(int signo, siginfo_t* info, void* uctx);
 
 // Guarded read of one T (uint8_t, uint16_t, uint32_t or uint64_t; no alignment
-// required) at addr with a single volatile load. Returns true and stores the
-// value in `out`, or returns false (with `out` untouched and SVEFaultRegion
-// clear) if the load raised SIGSEGV or SIGBUS. SVEInitialize must have run.
+// required) at addr: its first and last byte are probed inside the guarded
+// region, the element is read after it. Returns true and stores the value in
+// `out`, or returns false (with `out` untouched and SVEFaultRegion clear) if a
+// probe raised SIGSEGV or SIGBUS. SVEInitialize must have run. The generic
+// first-fault and non-fault loads reach it through ReadMemLib1..8.
 //
 // Concurrency: sveFaultJB and SVEFaultRegion are process-wide and unlocked.
 // Two threads inside guarded_load at the same moment share one jump buffer: a

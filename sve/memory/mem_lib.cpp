@@ -1,12 +1,9 @@
 // The guarded reads, the plain writes and the empty simulator hooks.
 #include "sve/memory/mem_lib.h"
 
-#include <setjmp.h>
-
 #include <cstring>
 
 #include "sve/client/sve_fault.h"
-#include "sve/dispatch/call_out.h"
 
 namespace {
 
@@ -22,36 +19,15 @@ inline void plain_store(T v, unsigned long addr) {
   std::memcpy(reinterpret_cast<void*>(addr), &v, sizeof v);
 }
 
-// The guard probes the first and the last byte of the element inside the
-// region, so an element that straddles into an unmapped page is caught by its
-// far end; the real load follows outside the region. The jump buffer is set in
-// this frame, which stays live for the whole region. The probes may touch
-// memory the host does not own, which is their purpose: keep them out of the
-// sanitizer's view. sigsetjmp and siglongjmp are the C library's, so the
-// whole read goes through call_out.
-template <typename T>
-__attribute__((no_sanitize_address, noinline)) T guarded_read_here(unsigned long addr, bool* fault) {
-  if (sigsetjmp(sveFaultJB, 1) != 0) {
-    *fault = true;
-    return 0;
-  }
-  SVEFaultRegion = 1;
-  (void)*reinterpret_cast<const volatile char*>(addr);
-  (void)*reinterpret_cast<const volatile char*>(addr + sizeof(T) - 1);
-  SVEFaultRegion = 0;
-  return plain_load<T>(addr);
-}
-
-template <typename T>
-T guarded_read(unsigned long addr, bool* fault) {
-  T v = 0;
-  call_out([&] { v = guarded_read_here<T>(addr, fault); });
-  return v;
-}
-
+// With a fault flag, the guarded read of sve_fault.h: a fault sets the flag
+// and reads 0.
 template <typename T>
 inline T read_lib(unsigned long addr, bool* fault) {
-  return fault ? guarded_read<T>(addr, fault) : plain_load<T>(addr);
+  if (!fault) return plain_load<T>(addr);
+  T v;
+  if (guarded_load<T>(reinterpret_cast<const void*>(addr), v)) return v;
+  *fault = true;
+  return 0;
 }
 
 }  // namespace
