@@ -70,8 +70,17 @@ enum aarch64_decode_rc : int32_t {
 
 // A vector value of the generic road: room for 2048 bits, only the first 48
 // bytes carry data here. Bytes 48..255 of an argument must not affect a result.
+//
+// The copy constructor is written out, which makes VecV non-trivial for the
+// purpose of calls: a VecV argument is then built in place where the callee
+// finds it. For a trivially copyable VecV, GCC builds each argument of a
+// generic routine in a temporary and copies all 256 bytes once more.
 struct VecV {
   alignas(16) unsigned char b[kVecVBytes];
+
+  VecV() = default;
+  VecV(const VecV& other) { std::memcpy(b, other.b, sizeof b); }
+  VecV& operator=(const VecV&) = default;
 };
 
 // A packed predicate: bit i is bit i%64 of word i/64.
