@@ -38,8 +38,11 @@ constexpr unsigned kBits = sizeof(T) * 8;
 template <typename T>
 inline T shift_left(T a, uint64_t count) {
   using U = std::make_unsigned_t<T>;
+  // Shifted at 32 bits unless the lane is wider (count is below the lane's
+  // width here), so that the lane loops vectorise without widening to 64.
+  using W = std::conditional_t<(sizeof(U) < 8), uint32_t, uint64_t>;
   if (count >= kBits<T>) return T(0);
-  return static_cast<T>(static_cast<U>(static_cast<uint64_t>(static_cast<U>(a)) << count));
+  return static_cast<T>(static_cast<U>(static_cast<W>(static_cast<U>(a)) << count));
 }
 
 template <typename T>
