@@ -30,16 +30,19 @@ struct Quads {
   Quad<T> q[3];
 };
 
+// One 16-byte copy per host vector: a single 48-byte copy lets GCC move the
+// three through the stack and load them back as one LD1 of three registers,
+// which an emulating host (qemu) carries out element by element.
 template <typename T>
 inline Quads<T> load_q(const unsigned char* reg) {
   Quads<T> l;
-  std::memcpy(l.q, reg, kVecBytes);
+  for (int k = 0; k < 3; ++k) std::memcpy(&l.q[k], reg + 16 * k, 16);
   return l;
 }
 
 template <typename T>
 inline void store_q(unsigned char* reg, const Quads<T>& l) {
-  std::memcpy(reg, l.q, kVecBytes);
+  for (int k = 0; k < 3; ++k) std::memcpy(reg + 16 * k, &l.q[k], 16);
 }
 
 template <typename T>
