@@ -10,28 +10,34 @@
 
 #include "decode_decls.h"
 #include "sve/int/fast_lanes.h"
+#include "sve/int/int_lanes.h"
 #include "sve/int/vec_loop.h"
 #include "sve/predicate/pred_flags.h"
 
 namespace {
 
-struct eq_op { template <typename A, typename B> bool operator()(A a, B b) const { return a == b; } };
-struct ne_op { template <typename A, typename B> bool operator()(A a, B b) const { return a != b; } };
-struct gt_op { template <typename A, typename B> bool operator()(A a, B b) const { return a > b; } };
-struct ge_op { template <typename A, typename B> bool operator()(A a, B b) const { return a >= b; } };
-struct lt_op { template <typename A, typename B> bool operator()(A a, B b) const { return a < b; } };
-struct le_op { template <typename A, typename B> bool operator()(A a, B b) const { return a <= b; } };
+struct eq_op { template <typename A, typename B> auto operator()(A a, B b) const { return a == b; } };
+struct ne_op { template <typename A, typename B> auto operator()(A a, B b) const { return a != b; } };
+struct gt_op { template <typename A, typename B> auto operator()(A a, B b) const { return a > b; } };
+struct ge_op { template <typename A, typename B> auto operator()(A a, B b) const { return a >= b; } };
+struct lt_op { template <typename A, typename B> auto operator()(A a, B b) const { return a < b; } };
+struct le_op { template <typename A, typename B> auto operator()(A a, B b) const { return a <= b; } };
 
-// The fast road: lane i of Zn (as T, which carries the sign) against
-// second(i), under Pg; flags by sve_ptest at T's stride.
-template <typename T, typename Second, typename Op>
-aarch64_decode_rc compare(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg, aarch64_z_reg zn, Second second, Op op) {
-  const unsigned char* a = cs->z[zn.number];
+// The fast road: the lanes of Zn (as T, which carries the sign) against
+// those of `b`, under Pg; flags by sve_ptest at T's stride. A compare of two
+// host vectors gives all ones in a true lane, and the governing predicate read
+// at the lane's width has bit 0 set in an active one: their AND, masked to
+// bit 0, is the result read the same way.
+template <typename T, typename Op>
+__attribute__((always_inline)) inline aarch64_decode_rc compare(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg,
+                                                                aarch64_z_reg zn, const fast::Quads<T>& b, Op op) {
+  const fast::Quads<T> a = fast::load_q<T>(cs->z[zn.number]);
   const unsigned char* g = cs->p[pg.number];
-  unsigned char out[kVecBytes] = {};
-  // Every lane compared and masked, with no branch per lane.
-  for (unsigned i = 0; i < fast::lanes<T>; ++i)
-    out[i * sizeof(T)] = static_cast<unsigned char>(g[i * sizeof(T)] & op(fast::lane<T>(a, i), second(i)) & 1u);
+  const fast::Quads<T> active = fast::load_q<T>(g);
+  fast::Quads<T> r;
+  for (int k = 0; k < 3; ++k) r.q[k] = (fast::Quad<T>)op(a.q[k], b.q[k]) & active.q[k] & 1;
+  unsigned char out[kVecBytes];
+  fast::store_q<T>(out, r);
   sve_ptest<T>(cs, reinterpret_cast<const char*>(g), reinterpret_cast<const char*>(out));
   std::memcpy(cs->p[pd.number], out, kVecBytes);
   return AARCH64_DECODE_OK;
@@ -43,8 +49,7 @@ template <bool Signed, typename Op>
 aarch64_decode_rc compare_zz(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg, aarch64_z_reg zn, aarch64_z_reg zm, Op op) {
   return fast::by_size(pd.size, [&](auto lane) {
     using T = std::conditional_t<Signed, std::make_signed_t<decltype(lane)>, decltype(lane)>;
-    const unsigned char* b = cs->z[zm.number];
-    return compare<T>(cs, pd, pg, zn, [b](unsigned i) { return fast::lane<T>(b, i); }, op);
+    return compare<T>(cs, pd, pg, zn, fast::load_q<T>(cs->z[zm.number]), op);
   });
 }
 
@@ -55,7 +60,7 @@ aarch64_decode_rc compare_zi(cpu_state* cs, aarch64_p_reg pd, aarch64_p_reg pg, 
   return fast::by_size(pd.size, [&](auto lane) {
     using T = std::conditional_t<Signed, std::make_signed_t<decltype(lane)>, decltype(lane)>;
     // Every immediate fits the narrowest lane, so the compare is at the lane's width.
-    return compare<T>(cs, pd, pg, zn, [imm](unsigned) { return static_cast<T>(imm); }, op);
+    return compare<T>(cs, pd, pg, zn, fast::splat_q<T>(static_cast<T>(imm)), op);
   });
 }
 
