@@ -208,22 +208,25 @@ struct known_page {
   uint64_t page;
   int prot;
 };
-constexpr int kKnownPages = 64;
+constexpr unsigned kKnownPages = 64;
 known_page known_pages[kKnownPages];
-int n_known_pages;
+unsigned n_known_pages;   // entries in use, at most kKnownPages
+unsigned next_known;      // the entry the next page takes, round the ring
 std::atomic<uint64_t> mappings_changed{0};   // bumped by the program's mapping calls
 uint64_t known_as_of;                         // the count the known pages were read at
 
 int known_protection(uint64_t page) {
   const uint64_t now = mappings_changed.load(std::memory_order_acquire);
   if (now != known_as_of) {
-    n_known_pages = 0;
+    n_known_pages = next_known = 0;
     known_as_of = now;
   }
-  for (int i = 0; i < n_known_pages && i < kKnownPages; ++i)
+  for (unsigned i = 0; i < n_known_pages; ++i)
     if (known_pages[i].page == page) return known_pages[i].prot;
   const int prot = page_protection(page);
-  known_pages[n_known_pages++ % kKnownPages] = {page, prot};
+  known_pages[next_known] = {page, prot};
+  next_known = (next_known + 1) % kKnownPages;
+  if (n_known_pages < kKnownPages) ++n_known_pages;
   return prot;
 }
 
